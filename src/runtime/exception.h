@@ -1,0 +1,35 @@
+#pragma once
+// The failure of an action's work. Thrown where a failure happens and caught
+// once, in the action frame, which logs Message() with the code and passes
+// UserMessage() to the installer's error dialog.
+
+#include <exception>
+#include <string>
+
+#include "runtime/hresult.h"
+
+namespace setup {
+
+class Exception : public std::exception {
+public:
+    Exception(HResult code, std::wstring message, std::wstring userMessage = {});
+
+    HResult Code() const noexcept { return code_; }
+    std::wstring Message() const { return message_; }
+    std::wstring UserMessage() const { return userMessage_; }
+    const char* what() const noexcept override { return narrow_.c_str(); }
+
+private:
+    HResult code_;
+    std::wstring message_;
+    std::wstring userMessage_;
+    std::string narrow_;  // ASCII rendering of message_ for what()
+};
+
+// A cancel by the user (HRESULT form of ERROR_INSTALL_USEREXIT, no dialog text).
+class InstallCanceledException : public Exception {
+public:
+    explicit InstallCanceledException(std::wstring message);
+};
+
+}  // namespace setup

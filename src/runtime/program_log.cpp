@@ -1,0 +1,43 @@
+#include "runtime/program_log.h"
+
+#include "runtime/ca_runtime.h"
+#include "runtime/log_buffer.h"
+#include "runtime/unique_handle.h"
+
+namespace setup {
+
+namespace {
+
+void SendToInstaller(const std::wstring& message) {
+    MsiHandle record(::MsiCreateRecord(1));
+    if (!record) return;
+    if (::MsiRecordSetStringW(record.Get(), 0, message.c_str()) != ERROR_SUCCESS) return;
+    // The reply to an information message carries nothing we act on.
+    ::MsiProcessMessage(CaInstallHandle(), INSTALLMESSAGE_INFO, record.Get());
+}
+
+LogBuffer& Buffer() {
+    static LogBuffer buffer(&SendToInstaller);
+    return buffer;
+}
+
+}  // namespace
+
+void LogLine(const std::wstring& text) {
+    SYSTEMTIME now;
+    ::GetLocalTime(&now);
+    const std::string name = CaLogName();
+    // The installer reads field 0 as a template: "[\[]" and "[\]]" come out as
+    // literal brackets instead of starting a property reference.
+    std::wstring line = Format(L"%S (%02x:%04x) [\\[]%02i:%02i:%02i:%03i[\\]]: ", name,
+                               ::GetCurrentProcessId(), ::GetCurrentThreadId(), now.wHour, now.wMinute,
+                               now.wSecond, now.wMilliseconds);
+    line.append(text);
+    Buffer().Append(line);
+}
+
+void SetLogBatch(unsigned threshold) { Buffer().SetThreshold(threshold); }
+
+void FlushLog() { Buffer().Flush(); }
+
+}  // namespace setup

@@ -1,0 +1,35 @@
+#pragma once
+// The program log: the lines the features write into the installer log.
+//
+// LogInfo formats a line, puts the program's prefix in front of it
+// ("<log name> (<pid>:<tid>) [hh:mm:ss:mmm]: ") and appends it to the process's
+// line buffer, which sends it as an information message. Any thread may log;
+// the buffer's lock keeps lines whole and in order. Installer errors while
+// sending are ignored: logging never throws to its caller.
+
+#include <string>
+
+#include "runtime/format.h"
+#include "runtime/log_sink.h"
+
+namespace setup {
+
+void LogLine(const std::wstring& text);
+
+template <class... Args>
+void LogInfo(FormatString<Args...> format, const Args&... args) {
+    LogLine(Format(format, args...));
+}
+
+// Lines travel in one message once more than `threshold` are pending; features
+// that log per file raise it to 100 and set it back to 0 when done.
+void SetLogBatch(unsigned threshold);
+void FlushLog();
+
+// The program log as a LogSink, for core code that is handed one.
+class ProgramLogSink final : public LogSink {
+public:
+    void Line(std::wstring_view text) override { LogLine(std::wstring(text)); }
+};
+
+}  // namespace setup

@@ -1,0 +1,238 @@
+"""End-to-end support: real packages through Wine's msiexec.
+
+A package is a wixl base (directories, components, features, files, the DLL
+in the Binary table) plus the package-author kit's IDT tables and test rows
+added with msibuild. Runs go through `wine cmd /c` with a batch wrapper that
+echoes the real exit code (wine itself passes it on modulo 256), always under
+a timeout, against the test run's prefix (tests/tools/wine-prefix).
+"""
+
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import uuid
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+KIT = ROOT / "packaging"
+BUILD = Path(os.environ.get("UTILS_BUILD", ROOT / "build"))
+DLL = Path(os.environ.get("UTILS_DLL", BUILD / "windows-x64" / "utils.dll"))
+MSIEXEC_TIMEOUT = 180
+
+
+class Prefix:
+    """The Wine prefix of this test run (WINEPREFIX from tests/tools/wine-env)."""
+
+    def __init__(self):
+        self.root = Path(os.environ.get("WINEPREFIX", BUILD / "wine" / "prefix"))
+        self.env = dict(os.environ, WINEPREFIX=str(self.root), WINEDEBUG="-all")
+        self.env.setdefault("WINEDLLOVERRIDES", "mscoree,mshtml=")
+
+    def host_path(self, windows_path):
+        """C:\\x\\y -> <prefix>/drive_c/x/y"""
+        drive, rest = windows_path[0].lower(), windows_path[2:].replace("\\", "/").lstrip("/")
+        if drive == "z":
+            return Path("/") / rest
+        return self.root / f"drive_{drive}" / rest
+
+    @staticmethod
+    def windows_path(host_path):
+        """A host path as Wine's Z: drive sees it."""
+        return "Z:" + str(Path(host_path).resolve()).replace("/", "\\")
+
+    def wine(self, *args, timeout=120, check=False):
+        return subprocess.run(["wine", *args], env=self.env, stdin=subprocess.DEVNULL, capture_output=True,
+                              timeout=timeout, check=check)
+
+    def msiexec(self, *args, log):
+        """Runs msiexec with the given arguments and a verbose log; returns (exit code, log text)."""
+        work = Path(tempfile.mkdtemp(prefix="msiexec-", dir=BUILD))
+        try:
+            bat = work / "run.bat"
+            bat.write_text("@echo off\r\nstart /wait msiexec %*\r\necho EXITCODE=%ERRORLEVEL%\r\n")
+            log = Path(log)
+            if log.exists():
+                log.unlink()
+            result = self.wine("cmd", "/c", self.windows_path(bat), *args, "/qn", "/l*v", self.windows_path(log),
+                               timeout=MSIEXEC_TIMEOUT)
+            out = result.stdout.decode("utf-8", "replace")
+            match = re.search(r"EXITCODE=(\d+)", out)
+            code = int(match.group(1)) if match else -1
+            text = read_log(log) if log.exists() else ""
+            return code, text
+        finally:
+            shutil.rmtree(work, ignore_errors=True)
+
+    def reg_query(self, key, value=None):
+        """The data of one value as `reg query` prints it, or None when absent."""
+        args = ["reg", "query", key] + (["/v", value] if value is not None else [])
+        result = self.wine(*args)
+        if result.returncode != 0:
+            return None
+        return result.stdout.decode("utf-8", "replace")
+
+
+def read_log(path):
+    data = Path(path).read_bytes()
+    if data[:2] == b"\xff\xfe":
+        return data.decode("utf-16-le", "replace")
+    return data.decode("utf-8", "replace")
+
+
+def library_lines(log_text, action):
+    """The messages the library logged for `action`, prefix removed, in order."""
+    pattern = re.compile(r"^" + re.escape(action) + r" \([0-9a-f]+:[0-9a-f]+\) \[\d\d:\d\d:\d\d:\d\d\d\]: (.*)$")
+    lines = []
+    for line in log_text.splitlines():
+        m = pattern.match(line.rstrip("\r"))
+        if m:
+            lines.append(m.group(1))
+    return lines
+
+
+def properties(log_text):
+    """The property dump at the end of a verbose log: name -> value (server side wins)."""
+    found = {}
+    for line in log_text.splitlines():
+        m = re.match(r"^Property\((S|C)\): (\w+) = (.*)$", line.rstrip("\r"))
+        if m and (m.group(1) == "S" or m.group(2) not in found):
+            found[m.group(2)] = m.group(3)
+    return found
+
+
+def read_idt(path):
+    """(header lines, rows) of an IDT file; rows are lists of cells."""
+    lines = Path(path).read_text(encoding="utf-8").splitlines()
+    return lines[:3], [line.split("\t") for line in lines[3:] if line.strip()]
+
+
+def write_idt(path, header, rows):
+    text = "\r\n".join(header + ["\t".join(r) for r in rows]) + "\r\n"
+    Path(path).write_text(text, encoding="utf-8")
+
+
+class Package:
+    """Builds one test package. Components hold files installed into INSTALLDIR."""
+
+    def __init__(self, name, directory=None):
+        self.name = name
+        self.product_code = "{" + str(uuid.uuid4()).upper() + "}"
+        self.upgrade_code = "{" + str(uuid.uuid4()).upper() + "}"
+        self.directory = directory or f"SetupUtilsTest{uuid.uuid4().hex[:8]}"
+        self.components = {}     # component -> list of (file id, file name, content)
+        self.properties = {}
+        self.custom_actions = []  # rows: Action, Type, Source, Target
+        self.sequence = []       # rows: Action, Condition, Sequence
+        self.tables = {}         # table name -> (header, rows)
+
+    def add_component(self, component, files=()):
+        self.components[component] = list(files)
+        return self
+
+    def add_property(self, name, value):
+        self.properties[name] = value
+        return self
+
+    def use_kit(self, *actions):
+        """Adds the kit's CustomAction rows and recommended sequence for `actions`."""
+        _, ca_rows = read_idt(KIT / "CustomAction.idt")
+        _, seq_rows = read_idt(KIT / "InstallExecuteSequence.idt")
+        for row in ca_rows:
+            if row[0] in actions:
+                self.custom_actions.append(row)
+        for row in seq_rows:
+            if row[0] in actions:
+                self.sequence.append(row)
+        return self
+
+    def add_table(self, idt_name, rows):
+        """A kit table definition (packaging/<idt_name>.idt) filled with `rows`."""
+        header, kit_rows = read_idt(KIT / f"{idt_name}.idt")
+        self.tables[idt_name] = (header, kit_rows + [list(r) for r in rows])
+        return self
+
+    def fail_after(self, action, sequence):
+        """A deferred action that always fails, scheduled at `sequence` (forces rollback)."""
+        self.custom_actions.append(["ForceFailure", "3073", "SetupUtils", "ForceFailure"])
+        self.sequence.append(["ForceFailure", "", str(sequence)])
+        return self
+
+    def _wxs(self, work):
+        comps, refs = [], []
+        for i, (component, files) in enumerate(self.components.items()):
+            guid = "{" + str(uuid.uuid4()).upper() + "}"
+            file_xml = []
+            for fid, fname, content in files:
+                src = f"{fid}.src"  # wixl takes sources relative to its working directory
+                (work / src).write_bytes(content if isinstance(content, bytes) else content.encode("utf-8"))
+                key = "yes" if not file_xml else "no"
+                file_xml.append(f'<File Id="{fid}" Name="{fname}" Source="{src}" KeyPath="{key}"/>')
+            if not file_xml:
+                file_xml.append("<CreateFolder/>")
+            comps.append(f'<Component Id="{component}" Guid="{guid}" Win64="yes">{"".join(file_xml)}</Component>')
+            refs.append(f'<ComponentRef Id="{component}"/>')
+        props = "".join(f'<Property Id="{k}" Value="{v}"/>' for k, v in self.properties.items())
+        return f"""<?xml version="1.0" encoding="utf-8"?>
+<Wix xmlns="http://schemas.microsoft.com/wix/2006/wi">
+  <Product Id="{self.product_code}" Name="{self.name}" Language="1033" Version="1.0.0"
+           Manufacturer="Setup Utils" UpgradeCode="{self.upgrade_code}">
+    <Package InstallerVersion="500" Compressed="yes" InstallScope="perMachine"/>
+    <Media Id="1" Cabinet="data.cab" EmbedCab="yes"/>
+    {props}
+    <Directory Id="TARGETDIR" Name="SourceDir">
+      <Directory Id="ProgramFiles64Folder">
+        <Directory Id="INSTALLDIR" Name="{self.directory}">{"".join(comps)}</Directory>
+      </Directory>
+    </Directory>
+    <Feature Id="Complete" Level="1">{"".join(refs)}</Feature>
+    <Binary Id="SetupUtils" SourceFile="utils.dll"/>
+  </Product>
+</Wix>
+"""
+
+    def build(self, out_dir):
+        out_dir = Path(out_dir)
+        out_dir.mkdir(parents=True, exist_ok=True)
+        msi = out_dir / f"{self.name}.msi"
+        work = Path(tempfile.mkdtemp(prefix="pkg-", dir=out_dir))
+        try:
+            wxs = work / "base.wxs"
+            wxs.write_text(self._wxs(work), encoding="utf-8")
+            shutil.copyfile(DLL, work / "utils.dll")
+            subprocess.run(["wixl", "-a", "x64", "-o", str(msi), "base.wxs"], cwd=work, check=True,
+                           capture_output=True)
+            args = ["msibuild", str(msi)]
+            for name, (header, rows) in self.tables.items():
+                path = work / f"{name}.idt"
+                write_idt(path, header, rows)
+                args += ["-i", str(path)]
+            if self.custom_actions:
+                header, _ = read_idt(KIT / "CustomAction.idt")
+                path = work / "CustomAction.idt"
+                write_idt(path, header, self.custom_actions)
+                args += ["-i", str(path)]
+            for action, condition, seq in self.sequence:
+                if condition:
+                    cond = condition.replace("'", "''")
+                    args += ["-q", f"INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) "
+                                   f"VALUES ('{action}', '{cond}', {seq})"]
+                else:
+                    args += ["-q", f"INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) "
+                                   f"VALUES ('{action}', {seq})"]
+            if len(args) > 2:
+                subprocess.run(args, check=True, capture_output=True)
+            return msi
+        finally:
+            shutil.rmtree(work, ignore_errors=True)
+
+    def install_dir(self, prefix):
+        return prefix.root / "drive_c" / "Program Files" / self.directory
+
+
+def scratch_dir(test_name):
+    path = BUILD / "e2e" / test_name
+    shutil.rmtree(path, ignore_errors=True)
+    path.mkdir(parents=True)
+    return path

@@ -1,0 +1,173 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <regex>
+#include <string>
+
+#include "runtime/action_frame.h"
+#include "runtime/ca_runtime.h"
+#include "runtime/exception.h"
+#include "runtime/program_log.h"
+#include "wine_support/test_package.h"
+
+namespace setup {
+namespace {
+
+using test::MessageCapture;
+using test::TestPackage;
+
+class ActionFrameTest : public ::testing::Test {
+protected:
+    void SetUp() override { package_.Open(); }
+    MSIHANDLE Session() { return package_.Session(); }
+    TestPackage package_;
+};
+
+TEST_F(ActionFrameTest, WorkThatThrowsNothingReturnsZeroWithPrefixedLines) {
+    MessageCapture capture;
+    const UINT result = RunAction(Session(), "FrameOk", ActionError::None, [](setup::Session&) {
+        LogInfo(L"Copy file '%s' -> '%s'.", L"a", L"b");
+    });
+    EXPECT_EQ(result, 0u);
+    const auto info = capture.Info();
+    ASSERT_GE(info.size(), 3u) << capture.AllInfo();
+    // The installer turns "[\[]" and "[\]]" into plain brackets around the time.
+    const std::wregex shape(LR"(^FrameOk \([0-9a-f]{2,}:[0-9a-f]{4,}\) \[\d\d:\d\d:\d\d:\d\d\d\]: (.*)$)");
+    std::wsmatch match;
+    std::vector<std::wstring> bodies;
+    for (const auto& line : info) {
+        if (std::regex_match(line, match, shape)) bodies.push_back(match[1]);
+    }
+    EXPECT_EQ(bodies, (std::vector<std::wstring>{L"FrameOk initialized.", L"Copy file 'a' -> 'b'.",
+                                                 L"FrameOk: finished. Return value 0."}))
+        << capture.AllInfo();
+    EXPECT_TRUE(capture.Errors().empty());
+}
+
+TEST_F(ActionFrameTest, FailuresBecomeResultCodesWithTheirLogLines) {
+    struct Case {
+        const char* name;
+        ActionWork work;
+        UINT result;
+        std::wstring line;
+        bool dialog;
+    };
+    const Case cases[] = {
+        {"FrameAccess",
+         [](setup::Session&) { throw Exception(static_cast<HResult>(0x80070005), L"Access denied here.", L"u"); },
+         1603, L"Access denied here. Error 0x80070005.", true},
+        {"FrameCancel", [](setup::Session&) { throw InstallCanceledException(L"User cancelled installation."); },
+         1602, L"User cancelled installation. Error 0x80070642.", false},
+        {"FrameUnknown", [](setup::Session&) { throw 42; }, 1603, L"Unknown exception.", true},
+        {"FrameAlloc", [](setup::Session&) { throw std::bad_alloc(); }, 1603, L"Bad allocation error.", true},
+    };
+    for (const Case& c : cases) {
+        MessageCapture capture;
+        EXPECT_EQ(RunAction(Session(), c.name, ActionError::TextFiles, c.work), c.result) << c.name;
+        EXPECT_TRUE(capture.HasInfo(c.line)) << c.name << "\n" << capture.AllInfo();
+        EXPECT_TRUE(capture.HasInfo(Format(L"%s: finished. Return value %d.", c.name, c.result))) << c.name;
+        EXPECT_EQ(!capture.Errors().empty(), c.dialog) << c.name;
+    }
+    // Actions without an installer error number report through the log only.
+    MessageCapture quiet;
+    EXPECT_EQ(RunAction(Session(), "FrameRollback", ActionError::None,
+                        [](setup::Session&) { throw Exception(kFail, L"x"); }),
+              1603u);
+    EXPECT_TRUE(quiet.Errors().empty());
+}
+
+TEST_F(ActionFrameTest, ACancelReplySeenDuringTheWorkWinsOverItsSuccess) {
+    MessageCapture capture([](UINT type, const std::wstring& text) {
+        return (type & 0xFF000000) == INSTALLMESSAGE_INFO && text.find(L"ask to cancel") != std::wstring::npos
+                   ? IDCANCEL
+                   : 0;
+    });
+    bool completed = false;
+    const UINT result = RunAction(Session(), "FrameCancelReply", ActionError::None, [&](setup::Session&) {
+        CaLog(kLogStandard, "ask to cancel");
+        completed = true;
+    });
+    EXPECT_TRUE(completed);
+    EXPECT_EQ(result, 1602u);
+    EXPECT_TRUE(capture.HasInfo(L"FrameCancelReply: finished. Return value 0.")) << capture.AllInfo();
+}
+
+TEST_F(ActionFrameTest, ProgressCancelThrowsAndTheActionReturns1602) {
+    MessageCapture capture([](UINT type, const std::wstring&) {
+        return (type & 0xFF000000) == INSTALLMESSAGE_PROGRESS ? IDCANCEL : 0;
+    });
+    bool after = false;
+    const UINT result = RunAction(Session(), "FrameProgress", ActionError::None, [&](setup::Session& session) {
+        session.Progress(1);
+        after = true;
+    });
+    EXPECT_FALSE(after);
+    EXPECT_EQ(result, 1602u);
+    EXPECT_TRUE(capture.HasInfo(L"User cancelled installation. Error 0x80070642.")) << capture.AllInfo();
+}
+
+TEST_F(ActionFrameTest, ALogNameOf32CharactersFailsTheCopyButTheWorkStillRuns) {
+    MessageCapture capture;
+    const char* name = "ThisActionNameIsThirtyTwoChars01";  // 32 characters: no room for the terminator
+    ASSERT_EQ(std::strlen(name), 32u);
+    bool ran = false;
+    const UINT result = RunAction(Session(), name, ActionError::None, [&](setup::Session&) {
+        ran = true;
+        EXPECT_FALSE(CaIsInitialized());
+    });
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(result, 0u);
+    EXPECT_TRUE(capture.HasInfo(L"Error 0x8007007a: Failed to copy CustomAction log name: "
+                                L"ThisActionNameIsThirtyTwoChars01"))
+        << capture.AllInfo();
+    EXPECT_TRUE(capture.HasInfo(L"ThisActionNameIsThirtyTwoChars01: finished. Return value 0."));
+
+    MessageCapture shorter;
+    RunAction(Session(), "ThisActionNameIsThirtyOneChars0", ActionError::None,
+              [&](setup::Session&) { EXPECT_TRUE(CaIsInitialized()); });
+    EXPECT_EQ(shorter.AllInfo().find(L"Failed to copy"), std::wstring::npos);
+}
+
+TEST_F(ActionFrameTest, TheVerboseDecisionIsMadeOncePerProcessAndPublished) {
+    bool decided = false;
+    RunAction(Session(), "FrameVerbose", ActionError::None, [&](setup::Session&) { decided = CaIsVerbose(); });
+    EXPECT_NE(::GlobalFindAtomW(decided ? L"WcaVerboseLogging" : L"WcaNotVerboseLogging"), 0);
+    EXPECT_EQ(::GlobalFindAtomW(decided ? L"WcaNotVerboseLogging" : L"WcaVerboseLogging"), 0);
+
+    // Flip every input of the decision: the process keeps its first answer.
+    ::MsiSetPropertyW(Session(), L"MsiLogging", decided ? L"" : L"voicewarmup");
+    ::MsiSetPropertyW(Session(), L"LOGVERBOSE", decided ? L"" : L"1");
+    MessageCapture capture;
+    bool again = !decided;
+    RunAction(Session(), "FrameVerbose", ActionError::None, [&](setup::Session&) { again = CaIsVerbose(); });
+    EXPECT_EQ(again, decided);
+    // The level-1 "Entering" line follows the published decision.
+    EXPECT_EQ(capture.AllInfo().find(L"FrameVerbose:  Entering FrameVerbose in ") != std::wstring::npos, decided)
+        << capture.AllInfo();
+}
+
+TEST_F(ActionFrameTest, BatchedLinesTravelTogetherAndTheRestFlushesAtTheEnd) {
+    MessageCapture capture;
+    RunAction(Session(), "FrameBatch", ActionError::None, [](setup::Session&) {
+        SetLogBatch(100);
+        for (int i = 0; i < 150; ++i) LogInfo(L"line %d", i);
+        SetLogBatch(0);
+    });
+    // Lines 0..100 travel as one message; 101..149 wait for the threshold to
+    // drop back to 0 and leave with the finish line.
+    std::vector<std::wstring> batches;
+    for (const auto& m : capture.Info()) {
+        if (m.find(L'\n') != std::wstring::npos) batches.push_back(m);
+    }
+    ASSERT_EQ(batches.size(), 2u) << capture.AllInfo();
+    EXPECT_NE(batches[0].find(L"]: line 0\n"), std::wstring::npos);
+    EXPECT_EQ(batches[0].substr(batches[0].size() - 11), L"]: line 100");
+    EXPECT_NE(batches[1].find(L"]: line 101\n"), std::wstring::npos);
+    EXPECT_EQ(std::count(batches[1].begin(), batches[1].end(), L'\n'), 49);
+    EXPECT_NE(capture.AllInfo().find(L"line 149"), std::wstring::npos);
+    EXPECT_TRUE(capture.HasInfo(L"FrameBatch: finished. Return value 0."));
+}
+
+}  // namespace
+}  // namespace setup

@@ -1,0 +1,85 @@
+#pragma once
+// Support for the in-process Wine tests: real installer sessions on packages
+// that a test creates at run time, a scratch directory that removes itself,
+// and a capture of the messages the installer receives.
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "runtime/unique_handle.h"
+
+namespace setup::test {
+
+// A fresh directory under %TEMP%, removed with everything in it at the end.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::wstring& Path() const { return path_; }
+    std::wstring File(const std::wstring& name) const { return path_ + L"\\" + name; }
+
+private:
+    std::wstring path_;
+};
+
+// A package database made at run time and opened as an installer session.
+// Tables: Property, Directory (TARGETDIR), Component, Feature and
+// FeatureComponents with the components added before Open().
+class TestPackage {
+public:
+    TestPackage();
+    ~TestPackage();
+
+    // Runs one SQL statement on the database before it is opened.
+    void Sql(const std::wstring& query);
+    void AddProperty(const std::wstring& name, const std::wstring& value);
+    void AddComponent(const std::wstring& component, const std::wstring& guid);
+    // Commits the database and opens a session on it (UI level none).
+    MSIHANDLE Open();
+    // CostInitialize, FileCost, CostFinalize: afterwards component states can be set.
+    void Cost();
+    MSIHANDLE Session() const { return session_.Get(); }
+    const std::wstring& DatabasePath() const { return path_; }
+
+private:
+    TempDir dir_;
+    std::wstring path_;
+    MsiHandle database_;
+    MsiHandle session_;
+    std::vector<std::wstring> components_;
+};
+
+// Captures the installer's messages for its lifetime (MsiSetExternalUIW).
+// `reply` decides the handler's answer; it defaults to 0 (not handled).
+class MessageCapture {
+public:
+    explicit MessageCapture(std::function<int(UINT type, const std::wstring& text)> reply = {});
+    ~MessageCapture();
+
+    std::vector<std::wstring> Info() const;      // information messages, in order
+    std::vector<std::wstring> Errors() const;    // error messages
+    bool HasInfo(const std::wstring& text) const;  // some information line ends with `text`
+    std::wstring AllInfo() const;                // every information line, joined by '\n'
+
+    struct Message {
+        UINT type;
+        std::wstring text;
+    };
+    std::vector<Message> messages;
+    std::function<int(UINT, const std::wstring&)> reply;
+
+private:
+    INSTALLUI_HANDLERW previous_ = nullptr;
+    DWORD previousFilter_ = 0;
+    void* previousContext_ = nullptr;
+};
+
+// Loads the built utils.dll next to the test program's folder.
+HMODULE LoadUtilsDll();
+
+std::wstring ReadFileBytesAsHex(const std::wstring& path);
+
+}  // namespace setup::test
