@@ -2,6 +2,7 @@
 
 #include <rpc.h>
 
+#include "runtime/action_data.h"
 #include "runtime/ca_runtime.h"
 #include "runtime/program_log.h"
 #include "runtime/string_buffer.h"
@@ -129,6 +130,19 @@ UINT Session::GetComponentState(std::wstring_view component, ComponentState& sta
     state.action = action;
     return status;
 }
+
+ComponentTask Session::GetComponentTask(std::wstring_view component) const {
+    SessionComponentStates states(*this);
+    return setup::GetComponentTask(states, component);
+}
+
+std::optional<ComponentState> SessionComponentStates::State(std::wstring_view component) {
+    ComponentState state;
+    if (session_.GetComponentState(component, state) != ERROR_SUCCESS) return std::nullopt;
+    return state;
+}
+
+PropertyMap Session::ReadActionData() const { return DecodeActionData(CustomActionData()); }
 
 int Session::EvaluateCondition(std::wstring_view condition) const {
     const std::wstring text(condition);

@@ -10,15 +10,12 @@
 #include <utility>
 #include <vector>
 
+#include "runtime/component_decision.h"
 #include "runtime/database.h"
+#include "runtime/property_map.h"
 #include "runtime/win32.h"
 
 namespace setup {
-
-struct ComponentState {
-    int installed = -1;  // INSTALLSTATE of the component on the machine
-    int action = -1;     // INSTALLSTATE the installer is about to apply
-};
 
 class Session {
 public:
@@ -28,8 +25,9 @@ public:
     std::wstring GetProperty(std::wstring_view name) const;  // "Failed to get msi property: <name>"
     void SetProperty(std::wstring_view name, std::wstring_view value) const;  // "Failed to set msi property: <name>"
     bool IsPropertySet(std::wstring_view name) const;
-    // The deferred side's data.
+    // The deferred side's data, raw and decoded at the action-data level.
     std::wstring CustomActionData() const { return GetProperty(L"CustomActionData"); }
+    PropertyMap ReadActionData() const;
 
     std::wstring GetTargetPath(std::wstring_view directory) const;
     // The key path of an installed component (MsiLocateComponentW).
@@ -45,6 +43,8 @@ public:
 
     // Both states preset to -1; the installer's result is returned beside them.
     UINT GetComponentState(std::wstring_view component, ComponentState& state) const;
+    // The classification of the component's states; None when the query fails.
+    ComponentTask GetComponentTask(std::wstring_view component) const;
     // MSICONDITION: 0 false, 1 true, 2 none (empty), 3 error.
     int EvaluateCondition(std::wstring_view condition) const;
 
@@ -67,6 +67,17 @@ public:
 
 private:
     MSIHANDLE install_;
+};
+
+// The session as the component decisions see it.
+class SessionComponentStates final : public ComponentStates {
+public:
+    explicit SessionComponentStates(Session session) : session_(session) {}
+    std::optional<ComponentState> State(std::wstring_view component) override;
+    int EvaluateCondition(std::wstring_view condition) override { return session_.EvaluateCondition(condition); }
+
+private:
+    Session session_;  // a borrowed handle: cheap to copy, nothing to dangle
 };
 
 }  // namespace setup

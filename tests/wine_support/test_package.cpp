@@ -2,6 +2,9 @@
 
 #include <stdexcept>
 
+#include <cwchar>
+
+#include <rpc.h>
 #include <wtypes.h>
 
 namespace setup::test {
@@ -79,7 +82,15 @@ TestPackage::TestPackage() : path_(dir_.File(L"test.msi")) {
         L"PRIMARY KEY `FileKey`)");
     Sql(L"INSERT INTO `Directory` (`Directory`, `DefaultDir`) VALUES ('TARGETDIR', 'SourceDir')");
     Sql(L"INSERT INTO `Feature` (`Feature`, `Level`, `Attributes`) VALUES ('Main', 1, 0)");
-    AddProperty(L"ProductCode", L"{6B0B5E3F-2C3D-4B7A-9C54-0D2F3A1B7E11}");
+    UUID uuid;
+    ::UuidCreate(&uuid);
+    wchar_t code[64];
+    swprintf(code, 64, L"{%08lX-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}", static_cast<unsigned long>(uuid.Data1),
+             uuid.Data2, uuid.Data3, uuid.Data4[0], uuid.Data4[1], uuid.Data4[2], uuid.Data4[3], uuid.Data4[4],
+             uuid.Data4[5], uuid.Data4[6], uuid.Data4[7]);
+    productCode_ = code;
+    AddProperty(L"ProductCode", productCode_);
+    AddProperty(L"ALLUSERS", L"1");
     AddProperty(L"ProductName", L"Setup Utils test");
     AddProperty(L"ProductVersion", L"1.0.0");
     AddProperty(L"Manufacturer", L"Setup Utils");
@@ -89,6 +100,53 @@ TestPackage::TestPackage() : path_(dir_.File(L"test.msi")) {
 TestPackage::~TestPackage() {
     session_.Reset();
     database_.Reset();
+    if (installed_) Uninstall();
+}
+
+void TestPackage::AddExecuteSequence() {
+    Sql(L"CREATE TABLE `InstallExecuteSequence` (`Action` CHAR(72) NOT NULL, `Condition` CHAR(255), "
+        L"`Sequence` SHORT PRIMARY KEY `Action`)");
+    const std::pair<const wchar_t*, int> actions[] = {
+        {L"CostInitialize", 800},    {L"FileCost", 900},          {L"CostFinalize", 1000},
+        {L"InstallValidate", 1400},  {L"InstallInitialize", 1500}, {L"ProcessComponents", 1600},
+        {L"RegisterProduct", 6100},  {L"PublishFeatures", 6300},  {L"PublishProduct", 6400},
+        {L"InstallFinalize", 6600}};
+    for (const auto& [action, sequence] : actions) {
+        Sql(L"INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('" + std::wstring(action) +
+            L"', " + std::to_wstring(sequence) + L")");
+    }
+}
+
+void TestPackage::Commit() {
+    if (committed_) return;
+    MsiHandle summary;
+    Check(::MsiGetSummaryInformationW(database_.Get(), nullptr, 8, summary.Put()), "MsiGetSummaryInformationW");
+    Check(::MsiSummaryInfoSetPropertyW(summary.Get(), kPidTemplate, VT_LPSTR, 0, nullptr, L"x64;1033"), "template");
+    Check(::MsiSummaryInfoSetPropertyW(summary.Get(), kPidRevision, VT_LPSTR, 0, nullptr,
+                                       L"{0C4C5F7D-91F5-4A0B-8F0B-5E8E2D9A6C21}"), "revision");
+    Check(::MsiSummaryInfoSetPropertyW(summary.Get(), kPidPageCount, VT_I4, 200, nullptr, nullptr), "page count");
+    Check(::MsiSummaryInfoSetPropertyW(summary.Get(), kPidWordCount, VT_I4, 0, nullptr, nullptr), "word count");
+    Check(::MsiSummaryInfoPersist(summary.Get()), "MsiSummaryInfoPersist");
+    summary.Reset();
+    Check(::MsiDatabaseCommit(database_.Get()), "MsiDatabaseCommit");
+    database_.Reset();
+    committed_ = true;
+}
+
+UINT TestPackage::Install() {
+    Commit();
+    ::MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
+    const UINT result = ::MsiInstallProductW(path_.c_str(), L"");
+    if (result == ERROR_SUCCESS) installed_ = true;
+    return result;
+}
+
+UINT TestPackage::Uninstall() {
+    session_.Reset();
+    ::MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
+    const UINT result = ::MsiConfigureProductW(productCode_.c_str(), INSTALLLEVEL_DEFAULT, INSTALLSTATE_ABSENT);
+    if (result == ERROR_SUCCESS) installed_ = false;
+    return result;
 }
 
 void TestPackage::Sql(const std::wstring& query) {
@@ -108,17 +166,8 @@ void TestPackage::AddComponent(const std::wstring& component, const std::wstring
 }
 
 MSIHANDLE TestPackage::Open() {
-    MsiHandle summary;
-    Check(::MsiGetSummaryInformationW(database_.Get(), nullptr, 8, summary.Put()), "MsiGetSummaryInformationW");
-    Check(::MsiSummaryInfoSetPropertyW(summary.Get(), kPidTemplate, VT_LPSTR, 0, nullptr, L"x64;1033"), "template");
-    Check(::MsiSummaryInfoSetPropertyW(summary.Get(), kPidRevision, VT_LPSTR, 0, nullptr,
-                                       L"{0C4C5F7D-91F5-4A0B-8F0B-5E8E2D9A6C21}"), "revision");
-    Check(::MsiSummaryInfoSetPropertyW(summary.Get(), kPidPageCount, VT_I4, 200, nullptr, nullptr), "page count");
-    Check(::MsiSummaryInfoSetPropertyW(summary.Get(), kPidWordCount, VT_I4, 0, nullptr, nullptr), "word count");
-    Check(::MsiSummaryInfoPersist(summary.Get()), "MsiSummaryInfoPersist");
-    summary.Reset();
-    Check(::MsiDatabaseCommit(database_.Get()), "MsiDatabaseCommit");
-    database_.Reset();
+    Commit();
+    session_.Reset();
     ::MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
     Check(::MsiOpenPackageW(path_.c_str(), session_.Put()), "MsiOpenPackageW");
     return session_.Get();

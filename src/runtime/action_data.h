@@ -1,0 +1,51 @@
+#pragma once
+// The three levels in which features nest their custom action data, as one
+// API so that no feature writes separators by hand:
+//   action data  "|" between pairs, "=" between key and value;
+//   a list       ";" between entries, "*" between key and value;
+//   a record     "^" between pairs, ">" between key and value.
+// Each level escapes only its own pair separator, so a value that holds
+// encoded text is escaped once more by every level that encloses it.
+//
+// List entries are keyed by their position as eight zero-padded digits, so the
+// map's key order is the list's order.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "runtime/property_map.h"
+
+namespace setup {
+
+struct Separators {
+    wchar_t pair;
+    wchar_t keyValue;
+};
+
+inline constexpr Separators kActionDataLevel{L'|', L'='};
+inline constexpr Separators kListLevel{L';', L'*'};
+inline constexpr Separators kRecordLevel{L'^', L'>'};
+
+inline std::wstring Encode(const PropertyMap& map, Separators level) {
+    return Encode(map, level.pair, level.keyValue);
+}
+inline PropertyMap Decode(std::wstring_view text, Separators level) {
+    return Decode(text, level.pair, level.keyValue);
+}
+
+inline std::wstring EncodeActionData(const PropertyMap& data) { return Encode(data, kActionDataLevel); }
+inline PropertyMap DecodeActionData(std::wstring_view text) { return Decode(text, kActionDataLevel); }
+
+// The key of the list entry at `index`: "00000000", "00000001", ...
+std::wstring ListKey(std::size_t index);
+
+// A list of records: each record at the record level, the records at the list level.
+std::wstring EncodeRecordList(const std::vector<PropertyMap>& records);
+std::vector<PropertyMap> DecodeRecordList(std::wstring_view text);
+
+// A list of plain texts at the list level.
+std::wstring EncodeTextList(const std::vector<std::wstring>& texts);
+std::vector<std::wstring> DecodeTextList(std::wstring_view text);
+
+}  // namespace setup
