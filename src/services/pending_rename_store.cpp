@@ -1,0 +1,139 @@
+#include "services/pending_rename_store.h"
+
+#include <winternl.h>
+
+#include <vector>
+
+#include "runtime/program_log.h"
+#include "runtime/throw.h"
+#include "services/driver_connection.h"
+
+namespace setup {
+
+namespace {
+
+constexpr ACCESS_MASK kSynchronize = 0x00100000;
+constexpr ULONG kObjCaseInsensitive = 0x40;
+
+using NtOpenMutantFn = LONG(NTAPI*)(HANDLE*, ACCESS_MASK, OBJECT_ATTRIBUTES*);
+using RtlNtStatusToDosErrorFn = ULONG(NTAPI*)(LONG);
+
+template <class Fn>
+Fn Lookup(HMODULE module, const char* name) {
+    return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
+}
+
+const std::wstring kValuePath = std::wstring(kSessionManagerKey) + L"\\" + kPendingRenamesValue;
+
+}  // namespace
+
+PendingRenameMutex PendingRenameMutex::Open() {
+    PendingRenameMutex mutex;
+    ModuleHandle ntdll(::LoadLibraryW(L"ntdll.dll"));
+    ThrowLastErrorIf(!ntdll, L"Failed to load ntdll.dll.");
+    const auto open = Lookup<NtOpenMutantFn>(ntdll.Get(), "NtOpenMutant");
+    ThrowLastErrorIf(open == nullptr, L"Failed to get NtOpenMutant from ntdll.dll.");
+
+    UNICODE_STRING name;
+    name.Buffer = const_cast<PWSTR>(kPendingRenameMutexName);
+    name.Length = static_cast<USHORT>((sizeof(kPendingRenameMutexName) / sizeof(wchar_t) - 1) * sizeof(wchar_t));
+    name.MaximumLength = name.Length;
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, kObjCaseInsensitive, nullptr, nullptr);
+
+    HANDLE handle = nullptr;
+    const LONG status = open(&handle, kSynchronize, &attributes);
+    if (status >= 0) {
+        mutex.handle_.Reset(handle);
+        return mutex;
+    }
+    const auto toDos = Lookup<RtlNtStatusToDosErrorFn>(ntdll.Get(), "RtlNtStatusToDosError");
+    const DWORD error = toDos ? toDos(status) : ERROR_GEN_FAILURE;
+    const HResult hr = FailureFromWin32(error);
+    if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) {
+        LogInfo(L"Mutex '%s' not found. Error 0x%x.", kPendingRenameMutexName, hr);
+        return mutex;
+    }
+    Throw(hr, std::wstring(L"Failed to open mutant ") + kPendingRenameMutexName);
+}
+
+void PendingRenameMutex::Lock(unsigned timeoutMs) {
+    if (!handle_) {
+        LogInfo(L"Skip lock mutex '%s'.", kPendingRenameMutexName);
+        return;
+    }
+    const DWORD result = ::WaitForSingleObject(handle_.Get(), timeoutMs);
+    if (result == WAIT_TIMEOUT) {
+        Throw(HResultFromWin32(WAIT_TIMEOUT), std::wstring(L"Timeout reached while wait the mutex ") + kPendingRenameMutexName);
+    }
+    ThrowLastErrorIf(result == WAIT_FAILED, std::wstring(L"Failed to wait mutex ") + kPendingRenameMutexName);
+    locked_ = true;  // signalled or abandoned: ours now
+}
+
+void PendingRenameMutex::Release() {
+    if (!handle_) return;
+    if (locked_) ::ReleaseMutex(handle_.Get());
+    locked_ = false;
+    handle_.Reset();
+}
+
+PendingRenameList ReadPendingRenames() {
+    RegistryKey key;
+    ThrowIfWin32Error(::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSessionManagerKey, 0, KEY_QUERY_VALUE, key.Put()),
+                      std::wstring(L"Failed to open key: ") + kSessionManagerKey);
+    // The value may grow between the size query and the read (another writer);
+    // a few rounds settle it.
+    for (int round = 0; round < 4; ++round) {
+        DWORD type = 0;
+        DWORD bytes = 0;
+        LONG status = ::RegQueryValueExW(key.Get(), kPendingRenamesValue, nullptr, &type, nullptr, &bytes);
+        if (status == ERROR_FILE_NOT_FOUND) return {};
+        if (status != ERROR_SUCCESS && status != ERROR_MORE_DATA) {
+            ThrowIfWin32Error(status, L"Failed to read registry value: " + kValuePath);
+        }
+        if (bytes == 0) return {};
+        if (type != REG_MULTI_SZ) Throw(kUnexpected, L"Unexpected type of registry value: " + kValuePath);
+        // Whole characters: an odd byte count still gets room for its last unit.
+        std::vector<wchar_t> data((bytes + sizeof(wchar_t) - 1) / sizeof(wchar_t), L'\0');
+        DWORD capacity = static_cast<DWORD>(data.size() * sizeof(wchar_t));
+        status = ::RegQueryValueExW(key.Get(), kPendingRenamesValue, nullptr, &type,
+                                    reinterpret_cast<BYTE*>(data.data()), &capacity);
+        if (status == ERROR_MORE_DATA) continue;
+        ThrowIfWin32Error(status, L"Failed to read registry value: " + kValuePath);
+        return ParsePendingRenames(std::wstring_view(data.data(), capacity / sizeof(wchar_t)));
+    }
+    Throw(HResultFromWin32(ERROR_MORE_DATA), L"Failed to read registry value: " + kValuePath);
+}
+
+void WritePendingRenames(const PendingRenameList& list) {
+    DriverConnection driver;
+    PendingRenameMonitoringPause pause(driver);
+    RegistryKey key;
+    ThrowIfWin32Error(::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSessionManagerKey, 0, KEY_SET_VALUE, key.Put()),
+                      std::wstring(L"Failed to open registry key: ") + kSessionManagerKey);
+    const std::wstring raw = SerializePendingRenames(list);
+    const BYTE* data = raw.empty() ? nullptr : reinterpret_cast<const BYTE*>(raw.data());
+    ThrowIfWin32Error(::RegSetValueExW(key.Get(), kPendingRenamesValue, 0, REG_MULTI_SZ, data,
+                                       static_cast<DWORD>(raw.size() * sizeof(wchar_t))),
+                      L"Failed to set registry value: " + kValuePath);
+}
+
+void RollbackPendingRenames(const PendingRenameList& snapshot, const std::set<std::wstring>& rollbackPaths) {
+    ProgramLogSink log;
+    PendingRenameRollback plan;
+    {
+        PendingRenameMutex mutex = PendingRenameMutex::Open();
+        mutex.Lock();
+        plan = PlanPendingRenameRollback(snapshot, ReadPendingRenames(), rollbackPaths, log);
+        if (plan.rewrite) WritePendingRenames(plan.kept);
+    }  // the mutex is held from the read to the write only
+    LogInfo(L"Delete rollback files.");
+    for (const std::wstring& path : plan.deletions) {
+        LogInfo(L"Remove file '%s'.", path);
+        if (!::DeleteFileW(path.c_str())) {
+            LogInfo(L"Failed to delete temporary file '%s'. Error 0x%x.", path, FailureFromWin32(::GetLastError()));
+        }
+    }
+}
+
+}  // namespace setup
