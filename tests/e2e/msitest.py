@@ -29,6 +29,10 @@ class Prefix:
         self.root = Path(os.environ.get("WINEPREFIX", BUILD / "wine" / "prefix"))
         self.env = dict(os.environ, WINEPREFIX=str(self.root), WINEDEBUG="-all")
         self.env.setdefault("WINEDLLOVERRIDES", "mscoree,mshtml=")
+        # A cold start carries out the restart-time rename list: keep the server
+        # up between the processes a test runs (a no-op when it is up already).
+        subprocess.run(["wineserver", "-p"], env=self.env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                       stderr=subprocess.DEVNULL, check=False)
 
     def host_path(self, windows_path):
         """C:\\x\\y -> <prefix>/drive_c/x/y"""
@@ -64,6 +68,37 @@ class Prefix:
             return code, text
         finally:
             shutil.rmtree(work, ignore_errors=True)
+
+    def pending_renames(self):
+        """The restart-time rename list as (source, target) pairs, "\\??\\" kept.
+        Read through `reg export`, whose hex(7) form keeps every NUL."""
+        work = Path(tempfile.mkdtemp(prefix="reg-", dir=BUILD))
+        try:
+            out = work / "sm.reg"
+            self.wine("reg", "export", r"HKLM\SYSTEM\CurrentControlSet\Control\Session Manager",
+                      self.windows_path(out), "/y")
+            if not out.exists():
+                return []
+            text = read_log(out).replace("\\\r\n", "").replace("\\\n", "")
+            match = re.search(r'^"PendingFileRenameOperations"=hex\(7\):([0-9a-fA-F,\s]*)$', text, re.M)
+            if not match:
+                return []
+            data = bytes(int(h, 16) for h in re.findall(r"[0-9a-fA-F]{2}", match.group(1)))
+            text = data.decode("utf-16-le")
+            if not text.endswith("\0\0"):
+                return []  # empty or malformed: read as an empty list, as the library does
+            strings = text[:-1].split("\0")[:-1]  # without the list's closing NUL and the last split piece
+            return list(zip(strings[0::2], strings[1::2]))
+        finally:
+            shutil.rmtree(work, ignore_errors=True)
+
+    def clear_pending_renames(self):
+        self.wine("reg", "delete", r"HKLM\SYSTEM\CurrentControlSet\Control\Session Manager", "/v",
+                  "PendingFileRenameOperations", "/f")
+
+    def restart(self):
+        """What a restart does to the rename list: wineboot -r carries it out."""
+        self.wine("wineboot", "-r", timeout=180)
 
     def reg_query(self, key, value=None):
         """The data of one value as `reg query` prints it, or None when absent."""
@@ -153,10 +188,15 @@ class Package:
         self.tables[idt_name] = (header, kit_rows + [list(r) for r in rows])
         return self
 
-    def fail_after(self, action, sequence):
-        """A deferred action that always fails, scheduled at `sequence` (forces rollback)."""
-        self.custom_actions.append(["ForceFailure", "3073", "SetupUtils", "ForceFailure"])
+    def fail_at(self, sequence):
+        """A deferred action that always fails, scheduled at `sequence`: the
+        installer then rolls back everything before it. It is the library's own
+        text-file writer handed a target in a directory that does not exist
+        (Wine ignores the exit codes of deferred EXE actions, so a failing
+        command would not do)."""
+        self.custom_actions.append(["ForceFailure", "3073", "SetupUtils", "InstallTextFilesDeferred"])
         self.sequence.append(["ForceFailure", "", str(sequence)])
+        self.properties["ForceFailure"] = "files=00000000*atr>0^content>x^path>C:\\no\\such\\dir\\f.txt^rbf>|pfr="
         return self
 
     def _wxs(self, work):
@@ -196,6 +236,7 @@ class Package:
         out_dir = Path(out_dir)
         out_dir.mkdir(parents=True, exist_ok=True)
         msi = out_dir / f"{self.name}.msi"
+        self.msi = msi
         work = Path(tempfile.mkdtemp(prefix="pkg-", dir=out_dir))
         try:
             wxs = work / "base.wxs"

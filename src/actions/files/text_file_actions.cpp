@@ -1,0 +1,153 @@
+#include "actions/files/text_file_actions.h"
+
+#include <set>
+#include <utility>
+
+#include "actions/files/text_file_plan.h"
+#include "runtime/exception.h"
+#include "runtime/program_log.h"
+#include "runtime/throw.h"
+#include "services/file_operations.h"
+#include "services/path.h"
+#include "services/pending_rename_store.h"
+
+namespace setup {
+
+namespace {
+
+constexpr wchar_t kTable[] = L"TextFile";
+constexpr wchar_t kQuery[] = L"SELECT `TextFile`, `File`, `Text`, `Component_`, `Condition` FROM `TextFile`";
+
+class InstallerMachine final : public TextFileMachine {
+public:
+    explicit InstallerMachine(const Session& session) : session_(session) {}
+    bool FileExists(const std::wstring& path) override { return setup::FileExists(path); }
+    std::wstring NewUuid() override { return CreateUuidString(); }
+    std::wstring LockFilesOnUpdate() override { return session_.GetProperty(L"LOCKFILESONUPDATE"); }
+
+private:
+    const Session& session_;
+};
+
+std::vector<TextFileRow> ReadRows(const Session& session, const Database& database) {
+    std::vector<TextFileRow> rows;
+    View view = database.OpenView(kQuery);
+    view.Execute();
+    while (auto record = view.Fetch()) {
+        TextFileRow row;
+        row.id = record->GetString(1);
+        if (row.id.empty()) Throw(kFail, L"The id is empty");
+        row.file = session.FormatText(record->GetString(2));
+        row.text = session.FormatText(record->GetString(3));
+        row.component = record->GetString(4);
+        if (row.component.empty()) Throw(kFail, L"The component is empty in " + row.id);
+        row.condition = record->GetString(5);
+        rows.push_back(std::move(row));
+    }
+    return rows;
+}
+
+// Rollback and commit go on after a failed step: log it and take the next.
+template <class Step>
+void Leniently(Step step) {
+    try {
+        step();
+    } catch (const Exception& e) {
+        LogInfo(L"%s Error 0x%x.", e.Message(), e.Code());
+    }
+}
+
+}  // namespace
+
+void InstallTextFiles(Session& session) {
+    Wow64FsRedirectionGuard redirection;
+    const Database database = session.ActiveDatabase();
+    if (!database.TableExists(kTable)) {
+        LogInfo(L"There is no '%s' table.", kTable);
+        return;
+    }
+    const std::vector<TextFileRow> rows = ReadRows(session, database);
+    SessionComponentStates states(session);
+    InstallerMachine machine(session);
+    ProgramLogSink log;
+    TextFileActionData data;
+    data.items = PlanTextFiles(rows, states, machine, log);
+    if (data.items.empty()) return;
+    data.snapshot = ReadPendingRenames();
+    const std::wstring encoded = EncodeTextFileActionData(data);
+    session.ScheduleDeferred(L"InstallTextFilesRollback", encoded);
+    session.ScheduleDeferred(L"InstallTextFilesDeferred", encoded);
+    session.ScheduleDeferred(L"InstallTextFilesCommit", encoded);
+}
+
+void InstallTextFilesDeferred(Session& session) {
+    Wow64FsRedirectionGuard redirection;
+    const TextFileActionData data = DecodeTextFileActionData(session.CustomActionData());
+    for (const TextFileItem& item : data.items) {
+        if (!item.rbf.empty() && FileExists(item.path)) {
+            LogInfo(L"Backing up file '%s' -> '%s'.", item.path, item.rbf);
+            CopyFileWithFallback(item.path, item.rbf, false);
+        }
+        std::wstring written = item.path;
+        if (item.atr & kTextFileReplaceAtReboot) {
+            const std::wstring directory = DirectoryOf(item.path);
+            written = GetTempFilePath(directory, L"TMP");
+            if (written.empty()) Throw(kFail, L"Failed to get temp file '" + directory + L"\\TMP'.");
+        }
+        LogInfo(L"Write to file '%s'.", written);
+        if (!WriteUtf16File(written, item.content)) {
+            Throw(FailureFromWin32(::GetLastError()), L"Failed to write file '" + written + L"'.");
+        }
+        if (written != item.path) MoveFileOnReboot(written, item.path);
+    }
+}
+
+void InstallTextFilesRollback(Session& session) {
+    Wow64FsRedirectionGuard redirection;
+    const TextFileActionData data = DecodeTextFileActionData(session.CustomActionData());
+    std::set<std::wstring> pendingPaths;
+    std::vector<std::pair<std::wstring, std::wstring>> restores;  // (target, backup)
+    for (const TextFileItem& item : data.items) {
+        const bool atReboot = (item.atr & kTextFileReplaceAtReboot) != 0;
+        if (item.rbf.empty()) {
+            if (atReboot) {
+                // Nothing was written to the target itself; the staged file
+                // and its queued move are taken back below.
+                LogInfo(L"Need to rollback pending rename operations of '%s'.", item.path);
+                pendingPaths.insert(item.path);
+            } else if (FileExists(item.path)) {
+                LogInfo(L"Delete file '%s'.", item.path);
+                Leniently([&] { RemoveFileWithFallback(item.path, true); });
+            }
+            continue;
+        }
+        if (::GetFileAttributesW(item.rbf.c_str()) == INVALID_FILE_ATTRIBUTES) continue;  // never backed up
+        LogInfo(L"Rollback file '%s' from '%s'.", item.path, item.rbf);
+        if (atReboot) {
+            LogInfo(L"Need to rollback pending rename operations of '%s'.", item.path);
+            pendingPaths.insert(item.path);
+        }
+        restores.emplace_back(item.path, item.rbf);
+    }
+    Leniently([&] { RollbackPendingRenames(data.snapshot, pendingPaths); });
+    for (const auto& [path, backup] : restores) {
+        Leniently([&] {
+            LogInfo(L"Remove file '%s'.", path);
+            if (!::DeleteFileW(path.c_str())) RemoveFileOnReboot(path);
+            LogInfo(L"Move file '%s' -> '%s'.", backup, path);
+            if (!::MoveFileExW(backup.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING)) MoveFileOnReboot(backup, path);
+        });
+    }
+}
+
+void InstallTextFilesCommit(Session& session) {
+    Wow64FsRedirectionGuard redirection;
+    const TextFileActionData data = DecodeTextFileActionData(session.CustomActionData());
+    for (const TextFileItem& item : data.items) {
+        if (item.rbf.empty() || !FileExists(item.rbf)) continue;
+        LogInfo(L"Cleanup file '%s'.", item.rbf);
+        Leniently([&] { RemoveFileWithFallback(item.rbf, true); });
+    }
+}
+
+}  // namespace setup

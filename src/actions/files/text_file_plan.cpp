@@ -1,0 +1,95 @@
+#include "actions/files/text_file_plan.h"
+
+#include <map>
+
+#include "runtime/action_data.h"
+#include "services/path.h"
+
+namespace setup {
+
+Decision DecideTextLine(ComponentStates& states, const TextFileRow& row, LogSink& log) {
+    auto text = [&row](const Decision& d) -> std::wstring {
+        switch (d.verdict) {
+        case Verdict::NullAction:
+            return Format(L"Skip install text line '%s' for null-action component '%s'.", row.id, row.component);
+        case Verdict::ConditionFailed:
+            return Format(L"Skip install text line '%s', '%s'. Condition is '%d'.", row.id, row.condition, d.condition);
+        case Verdict::Chosen:
+            return Format(L"Need to install text line '%s'. Component '%s' to do %d.", row.id, row.component,
+                          static_cast<int>(d.task));
+        default:
+            return Format(L"Skip install text line '%s'. Component '%s' is not marked to install.", row.id,
+                          row.component);
+        }
+    };
+    return DecideRow(states, kStandardInstall, row.component, row.condition, text, log);
+}
+
+void AppendTextLine(std::wstring& content, std::wstring_view text, bool first) {
+    content.append(text);
+    if (!first) content.push_back(L'\n');
+}
+
+std::wstring WithoutBrackets(std::wstring_view text) {
+    std::wstring out;
+    out.reserve(text.size());
+    for (const wchar_t c : text) {
+        if (c != L'[' && c != L']') out.push_back(c);
+    }
+    return out;
+}
+
+std::vector<TextFileItem> PlanTextFiles(const std::vector<TextFileRow>& rows, ComponentStates& states,
+                                        TextFileMachine& machine, LogSink& log) {
+    // std::less on wide strings compares code units: ordinal and case-sensitive.
+    std::map<std::wstring, std::wstring> contents;
+    for (const TextFileRow& row : rows) {
+        if (!DecideTextLine(states, row, log).Chosen()) continue;
+        auto [it, first] = contents.try_emplace(row.file);
+        AppendTextLine(it->second, row.text, first);
+    }
+    std::vector<TextFileItem> items;
+    items.reserve(contents.size());
+    for (auto& [path, content] : contents) {
+        log.Info(L"Configuring text file %s.", path);
+        TextFileItem item;
+        item.path = path;
+        if (machine.FileExists(path)) item.rbf = JoinPath(DirectoryOf(path), machine.NewUuid());
+        if (machine.LockFilesOnUpdate() == L"1") item.atr |= kTextFileReplaceAtReboot;
+        item.content = std::move(content);
+        log.Info(L"Generated text file content:\n%s", WithoutBrackets(item.content));
+        log.Info(L"The text file %s (%d) was successfully configured.", item.path, item.atr);
+        items.push_back(std::move(item));
+    }
+    return items;
+}
+
+std::wstring EncodeTextFileActionData(const TextFileActionData& data) {
+    std::vector<PropertyMap> records;
+    records.reserve(data.items.size());
+    for (const TextFileItem& item : data.items) {
+        PropertyMap record;
+        record.Set(L"path", item.path);
+        record.Set(L"rbf", item.rbf);
+        record.Set(L"content", item.content);
+        record.Set(L"atr", item.atr);
+        records.push_back(std::move(record));
+    }
+    PropertyMap top;
+    top.Set(L"files", EncodeRecordList(records));
+    top.Set(L"pfr", EncodePendingRenames(data.snapshot));
+    return EncodeActionData(top);
+}
+
+TextFileActionData DecodeTextFileActionData(std::wstring_view text) {
+    const PropertyMap top = DecodeActionData(text);
+    TextFileActionData data;
+    for (const PropertyMap& record : DecodeRecordList(top.View(L"files"))) {
+        data.items.push_back({record.Get(L"path"), record.Get(L"rbf"), record.Get(L"content"),
+                              record.GetInteger(L"atr")});
+    }
+    data.snapshot = DecodePendingRenames(top.View(L"pfr"));
+    return data;
+}
+
+}  // namespace setup

@@ -1,0 +1,170 @@
+import unittest
+
+from msitest import Package, Prefix, library_lines, scratch_dir
+
+ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
+FAIL_AT = 6550  # after the text files are written, before InstallFinalize
+
+
+def utf16(text):
+    """The bytes the library writes: BOM, UTF-16LE, one CR LF per line feed."""
+    return b"\xff\xfe" + text.replace("\n", "\r\n").encode("utf-16-le")
+
+
+class TextFiles(unittest.TestCase):
+    def setUp(self):
+        self.prefix = Prefix()
+        self.work = scratch_dir(self.id().split(".")[-1])
+        self.prefix.clear_pending_renames()
+
+    def make(self, rows, table_header=None, **properties):
+        self.count = getattr(self, "count", 0) + 1
+        name = f"{self.id().split('.')[-1][:40]}{self.count}"
+        package = Package(name).add_component("Main", [("readme", "readme.txt", "r")])
+        package.use_kit(*ACTIONS)
+        if rows is not None:
+            package.add_table("TextFile", rows)
+            if table_header:
+                package.tables["TextFile"] = (table_header, package.tables["TextFile"][1])
+        for name, value in properties.items():
+            package.add_property(name, value)
+        return package
+
+    def run_msiexec(self, package, mode, *properties, log="install.log"):
+        msi = getattr(package, "msi", None) or package.build(self.work)
+        return self.prefix.msiexec(mode, self.prefix.windows_path(msi), *properties, log=self.work / log)
+
+    def lines(self, log, action):
+        return library_lines(log, action)
+
+    def test_install_writes_formatted_content_and_leaves_no_backup(self):
+        package = self.make([
+            ("L1", "[INSTALLDIR]app.ini", "[ProductName]", "Main", ""),
+            ("L2", "[INSTALLDIR]app.ini", "version=[ProductVersion]", "Main", ""),
+            ("L3", "[INSTALLDIR]app.ini", "[\\[]section[\\]]", "Main", ""),
+            ("L4", "[INSTALLDIR]one.txt", "single", "Main", "1=1"),
+        ])
+        target = package.install_dir(self.prefix)
+        code, log = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 0, log[-4000:])
+        # First row as it is, each later row followed by a line feed.
+        self.assertEqual((target / "app.ini").read_bytes(), utf16(package.name + "version=1.0.0\n[section]\n"))
+        self.assertEqual((target / "one.txt").read_bytes(), utf16("single"))
+        self.assertEqual(sorted(p.name for p in target.iterdir()), ["app.ini", "one.txt", "readme.txt"])
+        immediate = self.lines(log, "InstallTextFiles")
+        win_target = "C:\\Program Files\\" + package.directory + "\\app.ini"
+        self.assertIn("Need to install text line 'L1'. Component 'Main' to do 1.", immediate)
+        self.assertIn(f"Configuring text file {win_target}.", immediate)
+        self.assertIn(f"The text file {win_target} (0) was successfully configured.", immediate)
+        # The logged copy loses its brackets; the file keeps them.
+        self.assertTrue(any("section\n" in line or line.endswith("section") for line in log.splitlines()), log)
+        self.assertIn(f"Write to file '{win_target}'.", self.lines(log, "InstallTextFilesDeferred"))
+        self.assertEqual(self.lines(log, "InstallTextFilesCommit")[-1],
+                         "InstallTextFilesCommit: finished. Return value 0.")
+
+    def test_rollback_restores_an_existing_target_and_deletes_a_new_one(self):
+        package = self.make([
+            ("L1", "[INSTALLDIR]app.ini", "new content", "Main", ""),
+            ("L2", "[INSTALLDIR]fresh.ini", "fresh", "Main", ""),
+        ]).fail_at(FAIL_AT)
+        target = package.install_dir(self.prefix)
+        target.mkdir(parents=True)
+        original = b"\xff\xfeo\x00l\x00d\x00 bytes that are not even valid UTF-16 \x01"
+        (target / "app.ini").write_bytes(original)
+        code, log = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 1603, log[-4000:])
+        self.assertEqual((target / "app.ini").read_bytes(), original)
+        self.assertFalse((target / "fresh.ini").exists())
+        self.assertEqual(sorted(p.name for p in target.iterdir()), ["app.ini"])  # no backup left behind
+        deferred = self.lines(log, "InstallTextFilesDeferred")
+        backup = [l for l in deferred if l.startswith("Backing up file ")]
+        self.assertEqual(len(backup), 1, deferred)
+        rollback = self.lines(log, "InstallTextFilesRollback")
+        self.assertTrue(any(l.startswith("Rollback file 'C:\\Program Files\\") for l in rollback), rollback)
+        self.assertTrue(any(l.startswith("Delete file '") and l.endswith("fresh.ini'.") for l in rollback), rollback)
+        self.assertEqual(self.lines(log, "InstallTextFilesCommit"), [])  # commit never ran
+
+    def test_lock_files_on_update_replaces_the_target_at_restart(self):
+        package = self.make([("L1", "[INSTALLDIR]locked.ini", "replaced", "Main", "")], LOCKFILESONUPDATE="1")
+        target = package.install_dir(self.prefix)
+        target.mkdir(parents=True)
+        (target / "locked.ini").write_bytes(utf16("original"))
+        code, log = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertEqual((target / "locked.ini").read_bytes(), utf16("original"))
+        win_target = "C:\\Program Files\\" + package.directory + "\\locked.ini"
+        renames = self.prefix.pending_renames()
+        staged = [src for src, dst in renames if dst == "\\??\\" + win_target]
+        self.assertEqual(len(staged), 1, renames)
+        self.assertIn(("\\??\\" + win_target, ""), renames)  # the delete is queued first
+        self.assertIn("TMP", staged[0])
+        self.prefix.restart()
+        self.assertEqual((target / "locked.ini").read_bytes(), utf16("replaced"))
+        self.assertEqual(sorted(p.name for p in target.iterdir()), ["locked.ini", "readme.txt"])
+
+    def test_rollback_takes_back_the_restart_time_replacement(self):
+        package = self.make([("L1", "[INSTALLDIR]locked.ini", "replaced", "Main", "")],
+                            LOCKFILESONUPDATE="1").fail_at(FAIL_AT)
+        target = package.install_dir(self.prefix)
+        target.mkdir(parents=True)
+        (target / "locked.ini").write_bytes(utf16("original"))
+        code, log = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 1603, log[-4000:])
+        self.assertEqual(self.prefix.pending_renames(), [])
+        self.assertEqual(sorted(p.name for p in target.iterdir()), ["locked.ini"])  # no TMP, no backup
+        self.assertEqual((target / "locked.ini").read_bytes(), utf16("original"))
+        rollback = self.lines(log, "InstallTextFilesRollback")
+        self.assertTrue(any(l.startswith("Need to rollback pending rename operations of ") for l in rollback))
+        self.assertIn("Delete rollback files.", rollback)
+
+    def test_any_other_lock_value_writes_at_once(self):
+        package = self.make([("L1", "[INSTALLDIR]now.ini", "now", "Main", "")], LOCKFILESONUPDATE="true")
+        code, log = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertEqual((package.install_dir(self.prefix) / "now.ini").read_bytes(), utf16("now"))
+        self.assertEqual(self.prefix.pending_renames(), [])
+
+    def test_skips_missing_table_and_bad_rows(self):
+        # Every condition false: nothing is scheduled.
+        package = self.make([("L1", "[INSTALLDIR]a.ini", "x", "Main", "NOT_SET_ANYWHERE")])
+        code, log = self.run_msiexec(package, "/i", log="conditions.log")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertIn("Skip install text line 'L1', 'NOT_SET_ANYWHERE'. Condition is '0'.",
+                      self.lines(log, "InstallTextFiles"))
+        self.assertEqual(self.lines(log, "InstallTextFilesDeferred"), [])
+        self.assertFalse((package.install_dir(self.prefix) / "a.ini").exists())
+        self.run_msiexec(package, "/x", log="conditions-x.log")
+
+        package = self.make(None)
+        code, log = self.run_msiexec(package, "/i", log="notable.log")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertIn("There is no 'TextFile' table.", self.lines(log, "InstallTextFiles"))
+        self.run_msiexec(package, "/x", log="notable-x.log")
+
+        loose = ["TextFile\tFile\tText\tComponent_\tCondition", "s72\ts255\tS0\tS72\tS255", "TextFile\tTextFile"]
+        package = self.make([("L1", "[INSTALLDIR]a.ini", "x", "", "")], table_header=loose)
+        code, log = self.run_msiexec(package, "/i", log="nocomponent.log")
+        self.assertEqual(code, 1603, log[-4000:])
+        immediate = self.lines(log, "InstallTextFiles")
+        self.assertIn("The component is empty in L1 Error 0x80004005.", immediate)
+        self.assertEqual(immediate[-1], "InstallTextFiles: finished. Return value 1603.")
+
+    def test_repair_writes_again_and_uninstall_leaves_the_files(self):
+        package = self.make([("L1", "[INSTALLDIR]kept.ini", "kept", "Main", "")])
+        target = package.install_dir(self.prefix) / "kept.ini"
+        code, log = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 0, log[-4000:])
+        target.write_bytes(b"damaged")
+        code, log = self.run_msiexec(package, "/i", "REINSTALL=ALL", "REINSTALLMODE=vomus", log="repair.log")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertIn("Need to install text line 'L1'. Component 'Main' to do 3.", self.lines(log, "InstallTextFiles"))
+        self.assertEqual(target.read_bytes(), utf16("kept"))
+        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertIn("Skip install text line 'L1'. Component 'Main' is not marked to install.",
+                      self.lines(log, "InstallTextFiles"))
+        self.assertEqual(target.read_bytes(), utf16("kept"))
+
+
+if __name__ == "__main__":
+    unittest.main()
