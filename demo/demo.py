@@ -18,17 +18,55 @@ def show(title, lines):
         print("   " + line)
 
 
+TEXT_ROWS = [
+    ("Header", "[INSTALLDIR]settings.ini", "", "Main", ""),
+    ("Section", "[INSTALLDIR]settings.ini", "[\\[]demo[\\]]", "Main", ""),
+    ("Product", "[INSTALLDIR]settings.ini", "product=[ProductName] [ProductVersion]", "Main", ""),
+    ("Admins", "[INSTALLDIR]settings.ini", "admins=[ACCOUNT_ADMINISTRATORS]", "Main", ""),
+    ("Skipped", "[INSTALLDIR]settings.ini", "never written", "Main", "NOT_SET_ANYWHERE"),
+]
+TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
+
+
+def demo_package(name, fail=False):
+    package = Package(name, directory="Setup Utils Demo")
+    package.add_component("Main", [("readme", "readme.txt", "Setup Utils demo\n")])
+    package.use_kit("GetWellKnownSids", *TEXT_ACTIONS).add_table("TextFile", TEXT_ROWS)
+    if fail:
+        package.fail_at(6550)
+    return package
+
+
+def show_file(path):
+    data = path.read_bytes() if path.exists() else None
+    if data is None:
+        return ["(no file)"]
+    text = data[2:].decode("utf-16-le") if data[:2] == b"\xff\xfe" else data.decode("utf-8", "replace")
+    return [f"{len(data)} bytes, starts {data[:4].hex(' ')}"] + text.replace("\r\n", "\n").split("\n")
+
+
 def main():
     prefix = Prefix()
     work = BUILD / "demo" / "work"
     work.mkdir(parents=True, exist_ok=True)
+    install_dir = prefix.root / "drive_c" / "Program Files" / "Setup Utils Demo"
+    settings = install_dir / "settings.ini"
+    install_dir.mkdir(parents=True, exist_ok=True)
+    settings.write_bytes("previous settings\r\n".encode("utf-16"))
 
-    package = Package("SetupUtilsDemo", directory="Setup Utils Demo")
-    package.add_component("Main", [("readme", "readme.txt", "Setup Utils demo\n")])
-    package.use_kit("GetWellKnownSids")
+    show("settings.ini before anything", show_file(settings))
+
+    failing = demo_package("SetupUtilsDemoFailing", fail=True)
+    msi = failing.build(work)
+    code, log = prefix.msiexec("/i", prefix.windows_path(msi), log=work / "failing.log")
+    print(f"\nInstall with a deliberately failing step: exit code {code} (log: {work / 'failing.log'})")
+    show("InstallTextFilesDeferred logged", library_lines(log, "InstallTextFilesDeferred"))
+    show("InstallTextFilesRollback logged", library_lines(log, "InstallTextFilesRollback"))
+    show("settings.ini after the rollback (the previous file, byte for byte)", show_file(settings))
+
+    package = demo_package("SetupUtilsDemo")
     msi = package.build(work)
-    print(f"Built {msi}")
-
+    print(f"\nBuilt {msi}")
     code, log = prefix.msiexec("/i", prefix.windows_path(msi), log=work / "install.log")
     print(f"\nInstall: exit code {code} (verbose log: {work / 'install.log'})")
     show("GetWellKnownSids logged", library_lines(log, "GetWellKnownSids"))
@@ -36,9 +74,16 @@ def main():
     show("Properties it set", [f"{name} = {props.get(name, '')}" for name in (
         "ACCOUNT_LOCALSYSTEM", "ACCOUNT_LOCALSERVICE", "ACCOUNT_NETWORKSERVICE", "ACCOUNT_CREATOROWNER",
         "ACCOUNT_ADMINISTRATORS", "ACCOUNT_USERS", "ACCOUNT_GUESTS")])
+    show("InstallTextFiles logged (why each row was taken or skipped)", library_lines(log, "InstallTextFiles"))
+    show("InstallTextFilesDeferred logged", library_lines(log, "InstallTextFilesDeferred"))
+    show("InstallTextFilesCommit logged", library_lines(log, "InstallTextFilesCommit"))
+    show("settings.ini after install", show_file(settings))
+    show("Files in the install folder (no backups left)", sorted(p.name for p in install_dir.iterdir()))
 
     code, log = prefix.msiexec("/x", prefix.windows_path(msi), log=work / "uninstall.log")
     print(f"\nUninstall: exit code {code}")
+    show("InstallTextFiles on uninstall", library_lines(log, "InstallTextFiles"))
+    show("settings.ini after uninstall (text files are left in place)", show_file(settings))
     return 0
 
 
