@@ -13,8 +13,6 @@ namespace setup {
 
 namespace {
 
-std::wstring Text(std::wstring_view view) { return std::wstring(view); }
-
 HResult LastErrorHResult() { return FailureFromWin32(::GetLastError()); }
 
 // Queues `from` to become `to` at restart (`to` empty: delete `from`).

@@ -1,6 +1,6 @@
 #pragma once
-// The restart-time rename list in the registry (HKLM "SYSTEM\CurrentControlSet\
-// Control\Session Manager", value "PendingFileRenameOperations"), serialised
+// The restart-time rename list in the registry (the value
+// "PendingFileRenameOperations" of kSessionManagerKey under HKLM), serialised
 // against the product's other writers by the kernel mutex "\PendingRenameMutex".
 //
 // The mutex is created by others; this library only opens it. When it does not

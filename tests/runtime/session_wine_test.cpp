@@ -13,19 +13,8 @@ namespace {
 
 using test::MessageCapture;
 using test::TempDir;
+using test::Thrown;
 using test::TestPackage;
-
-// Runs `f` and returns the exception it threw (fails the test when none).
-template <class F>
-Exception Thrown(F f) {
-    try {
-        f();
-    } catch (const Exception& e) {
-        return e;
-    }
-    ADD_FAILURE() << "no exception";
-    return Exception(0, L"");
-}
 
 class SessionTest : public ::testing::Test {
 protected:

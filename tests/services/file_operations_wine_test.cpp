@@ -19,6 +19,7 @@ using test::ReadBytes;
 using test::SavedPendingRenames;
 using test::TempDir;
 using test::TestPackage;
+using test::Thrown;
 using test::WriteBytes;
 
 // Runs `work` inside an action frame so that its program-log lines are captured.
@@ -28,26 +29,13 @@ protected:
 
     template <class F>
     std::wstring Logged(F work) {
-        MessageCapture capture;
-        RunAction(package_.Session(), "FileOps", ActionError::None, [&](Session&) { work(); });
-        return capture.AllInfo();
+        return test::LoggedIn(package_.Session(), work);
     }
 
     TestPackage package_;
     TempDir dir_;
     SavedPendingRenames saved_;
 };
-
-template <class F>
-Exception Thrown(F f) {
-    try {
-        f();
-    } catch (const Exception& e) {
-        return e;
-    }
-    ADD_FAILURE() << "no exception";
-    return Exception(0, L"");
-}
 
 TEST_F(FileOperationsTest, WritesUtf16WithByteOrderMarkAndOneCrLfPerLine) {
     const std::wstring path = dir_.File(L"out.txt");
@@ -94,7 +82,7 @@ TEST_F(FileOperationsTest, CopiesMovesAndRemovesNowWithTheirLogLines) {
     EXPECT_EQ(ReadBytes(a), "alpha");
     EXPECT_FALSE(FileExists(b));
     EXPECT_FALSE(FileExists(c));
-    for (const std::wstring line : {L"Copy file '" + a + L"' -> '" + b + L"'.", L"Move file '" + b + L"' -> '" + c + L"'.",
+    for (const std::wstring& line : std::vector<std::wstring>{L"Copy file '" + a + L"' -> '" + b + L"'.", L"Move file '" + b + L"' -> '" + c + L"'.",
                                     L"Remove file '" + c + L"'."}) {
         EXPECT_NE(log.find(line), std::wstring::npos) << line;
     }
@@ -148,7 +136,7 @@ TEST_F(FileOperationsTest, RestartFallbacksForFilesAndDirectories) {
                                          {dir_.File(L"ghost2.txt"), L""},
                                          {dir_.File(L"ghost.txt"), dir_.File(L"ghost2.txt")},
                                          {sub, L""}}));
-    for (const std::wstring line : {L"Remove file on reboot '" + dir_.File(L"ghost.txt") + L"'.",
+    for (const std::wstring& line : std::vector<std::wstring>{L"Remove file on reboot '" + dir_.File(L"ghost.txt") + L"'.",
                                     L"Move file on reboot '" + dir_.File(L"ghost.txt") + L"' -> '" +
                                         dir_.File(L"ghost2.txt") + L"'.",
                                     L"Remove directory on reboot '" + sub + L"'."}) {

@@ -30,9 +30,7 @@ protected:
     void SetUp() override { package_.Open(); }
     template <class F>
     std::wstring Logged(F work) {
-        MessageCapture capture;
-        RunAction(package_.Session(), "Renames", ActionError::None, [&](Session&) { work(); });
-        return capture.AllInfo();
+        return test::LoggedIn(package_.Session(), work);
     }
     TestPackage package_;
     TempDir dir_;
@@ -181,7 +179,8 @@ TEST_F(PendingRenameStoreTest, ARestartCarriesOutTheQueuedOperations) {
     ASSERT_EQ(ReadPendingRenames().size(), 5u);
 
     // wineboot -r carries out the list as a restart of the machine would.
-    STARTUPINFOW si{sizeof(si)};
+    STARTUPINFOW si = {};
+    si.cb = sizeof(si);
     PROCESS_INFORMATION pi{};
     wchar_t command[] = L"wineboot.exe -r";
     ASSERT_TRUE(::CreateProcessW(nullptr, command, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi));

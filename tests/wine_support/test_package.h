@@ -7,9 +7,25 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "runtime/action_frame.h"
+#include "runtime/exception.h"
 #include "runtime/unique_handle.h"
 
 namespace setup::test {
+
+// Runs `f` and returns the setup::Exception it threw; fails the test when none.
+template <class F>
+Exception Thrown(F f) {
+    try {
+        f();
+    } catch (const Exception& e) {
+        return e;
+    }
+    ADD_FAILURE() << "no exception";
+    return Exception(0, L"");
+}
 
 // A fresh directory under %TEMP%, removed with everything in it at the end.
 class TempDir {
@@ -88,6 +104,15 @@ private:
     DWORD previousFilter_ = 0;
     void* previousContext_ = nullptr;
 };
+
+// Runs `work` inside an action frame on `session` and returns every
+// information line the installer received meanwhile, joined by '\n'.
+template <class F>
+std::wstring LoggedIn(MSIHANDLE session, F work) {
+    MessageCapture capture;
+    RunAction(session, "TestWork", ActionError::None, [&](Session&) { work(); });
+    return capture.AllInfo();
+}
 
 // Loads the built utils.dll next to the test program's folder.
 HMODULE LoadUtilsDll();

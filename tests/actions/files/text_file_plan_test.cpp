@@ -68,7 +68,7 @@ TEST(TextFilePlan, SelectsRowsByComponentAndConditionWithTheirTexts) {
     });
     ASSERT_EQ(items.size(), 1u);
     EXPECT_EQ(items[0].content, L"ab\n");
-    for (const std::wstring line : {
+    for (const std::wstring& line : std::vector<std::wstring>{
              L"Need to install text line 'A'. Component 'Install' to do 1.",
              L"Need to install text line 'B'. Component 'Reinstall' to do 3.",
              L"Skip install text line 'C', 'FALSE'. Condition is '0'.",
@@ -116,7 +116,7 @@ TEST(TextFilePlan, BacksUpExistingFilesOnlyAndReadsTheLockPropertyPerFile) {
     for (const auto& item : items) EXPECT_EQ(item.atr, kTextFileReplaceAtReboot);
     EXPECT_EQ(f.machine.lockReads, 3);
 
-    for (const std::wstring value : {L"true", L"01", L" 1", L""}) {
+    for (const std::wstring& value : std::vector<std::wstring>{L"true", L"01", L" 1", L""}) {
         Fixture g;
         g.machine.lock = value;
         EXPECT_EQ(g.Plan({{L"1", L"x", L"y", L"Install", L""}})[0].atr, 0) << value;

@@ -33,7 +33,7 @@ TEST(WellKnownSids, TheExportSetsTheSevenPropertiesInOrder) {
     HMODULE dll = test::LoadUtilsDll();
     ASSERT_NE(dll, nullptr);
     using Action = UINT(__stdcall*)(MSIHANDLE);
-    auto action = reinterpret_cast<Action>(::GetProcAddress(dll, "GetWellKnownSids"));
+    auto action = reinterpret_cast<Action>(reinterpret_cast<void*>(::GetProcAddress(dll, "GetWellKnownSids")));
     ASSERT_NE(action, nullptr);
 
     MessageCapture capture;
