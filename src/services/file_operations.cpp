@@ -20,6 +20,12 @@ bool QueueAtRestart(const std::wstring& from, const std::wstring* to) {
     return ::MoveFileExW(from.c_str(), to ? to->c_str() : nullptr, MOVEFILE_DELAY_UNTIL_REBOOT) != FALSE;
 }
 
+// Queues, for the next restart, the deletion of `to` and then the rename of
+// `from` onto it; the order matters, the deletion must come first.
+bool QueueReplacementAtRestart(const std::wstring& from, const std::wstring& to) {
+    return QueueAtRestart(to, nullptr) && QueueAtRestart(from, &to);
+}
+
 struct RpcString {
     RPC_WSTR text = nullptr;
     ~RpcString() {
@@ -126,8 +132,7 @@ void CopyFileOnReboot(std::wstring_view source, std::wstring_view destination) {
         Throw(LastErrorHResult(), L"Failed to prepare copy file on reboot '" + from + L"' -> '" + staged + L"'.");
     }
     CopyFileTime(from, staged);
-    // The deletion of the destination must precede the rename onto it.
-    if (!QueueAtRestart(to, nullptr) || !QueueAtRestart(staged, &to)) {
+    if (!QueueReplacementAtRestart(staged, to)) {
         Throw(LastErrorHResult(), L"Failed to copy file on reboot '" + from + L"' -> '" + to + L"'.");
     }
 }
@@ -149,7 +154,7 @@ void MoveFileOnReboot(std::wstring_view source, std::wstring_view destination) {
     const std::wstring from(source);
     const std::wstring to(destination);
     LogInfo(L"Move file on reboot '%s' -> '%s'.", from, to);
-    if (!QueueAtRestart(to, nullptr) || !QueueAtRestart(from, &to)) {
+    if (!QueueReplacementAtRestart(from, to)) {
         Throw(LastErrorHResult(), L"Failed to move file on reboot '" + from + L"' -> '" + to + L"'.");
     }
 }

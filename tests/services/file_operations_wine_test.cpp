@@ -22,20 +22,7 @@ using test::TestPackage;
 using test::Thrown;
 using test::WriteBytes;
 
-// Runs `work` inside an action frame so that its program-log lines are captured.
-class FileOperationsTest : public ::testing::Test {
-protected:
-    void SetUp() override { package_.Open(); }
-
-    template <class F>
-    std::wstring Logged(F work) {
-        return test::LoggedIn(package_.Session(), work);
-    }
-
-    TestPackage package_;
-    TempDir dir_;
-    SavedPendingRenames saved_;
-};
+class FileOperationsTest : public test::ServicesTest {};
 
 TEST_F(FileOperationsTest, WritesUtf16WithByteOrderMarkAndOneCrLfPerLine) {
     const std::wstring path = dir_.File(L"out.txt");

@@ -25,17 +25,7 @@ using test::TempDir;
 using test::TestPackage;
 using test::WriteBytes;
 
-class PendingRenameStoreTest : public ::testing::Test {
-protected:
-    void SetUp() override { package_.Open(); }
-    template <class F>
-    std::wstring Logged(F work) {
-        return test::LoggedIn(package_.Session(), work);
-    }
-    TestPackage package_;
-    TempDir dir_;
-    SavedPendingRenames saved_;
-};
+class PendingRenameStoreTest : public test::ServicesTest {};
 
 TEST_F(PendingRenameStoreTest, ReadsAndWritesTheRealValue) {
     SavedPendingRenames::Remove();

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "runtime/unique_handle.h"
+#include "wine_support/test_package.h"
 
 namespace setup::test {
 
@@ -28,6 +29,20 @@ private:
     bool existed_ = false;
     DWORD type_ = REG_MULTI_SZ;
     std::wstring raw_;
+};
+
+// A session to log through, a scratch directory and the machine's rename list
+// put back afterwards: what every services test needs.
+class ServicesTest : public ::testing::Test {
+protected:
+    void SetUp() override { package_.Open(); }
+    template <class F>
+    std::wstring Logged(F work) {
+        return LoggedIn(package_.Session(), work);
+    }
+    TestPackage package_;
+    TempDir dir_;
+    SavedPendingRenames saved_;
 };
 
 void WriteBytes(const std::wstring& path, const std::string& bytes);
