@@ -1,15 +1,16 @@
 #!/usr/bin/env python3
-"""The demo: a package that uses every table built so far, installed with
-Wine's msiexec in a fresh prefix under build/demo, then uninstalled; prints
-what the library did and the log lines that explain each decision."""
+"""The demo: a package that uses every table built so far (TextFile,
+EventManifest), installed with Wine's msiexec in a fresh prefix under
+build/demo, then uninstalled; prints what the library did and the log lines
+that explain each decision."""
 import os
 import sys
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
-sys.path.insert(0, str(ROOT / "tests" / "e2e"))
+sys.path.insert(0, str(ROOT / "tools"))
 
-from msitest import BUILD, Package, Prefix, library_lines, properties  # noqa: E402
+from msipackage import BUILD, Package, Prefix, library_lines, properties  # noqa: E402
 
 
 def show(title, lines):
@@ -26,12 +27,27 @@ TEXT_ROWS = [
     ("Skipped", "[INSTALLDIR]settings.ini", "never written", "Main", "NOT_SET_ANYWHERE"),
 ]
 TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
+MANIFEST_ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "InstallEventManifestRollback",
+                    "UninstallEventManifest", "UninstallEventManifestDeferred", "UninstallEventManifestRollback")
+MANIFEST = """<?xml version="1.0" encoding="UTF-8"?>
+<instrumentationManifest xmlns="http://schemas.microsoft.com/win/2004/08/events">
+  <instrumentation>
+    <events xmlns="http://schemas.microsoft.com/win/2004/08/events">
+      <provider name="SetupUtils-Demo" guid="{6F4A1B52-3C1E-4D6B-9A57-2B0E5D8C7A10}" symbol="SETUP_UTILS_DEMO"
+                resourceFileName="%ProgramFiles%\\Setup Utils Demo\\readme.txt"
+                messageFileName="%ProgramFiles%\\Setup Utils Demo\\readme.txt"/>
+    </events>
+  </instrumentation>
+</instrumentationManifest>
+"""
 
 
 def demo_package(name, fail=False):
     package = Package(name, directory="Setup Utils Demo")
     package.add_component("Main", [("readme", "readme.txt", "Setup Utils demo\n")])
-    package.use_kit("GetWellKnownSids", *TEXT_ACTIONS).add_table("TextFile", TEXT_ROWS)
+    package.add_component("Events", [("demo_events", "demo events.man", MANIFEST)])
+    package.use_kit("GetWellKnownSids", *TEXT_ACTIONS, *MANIFEST_ACTIONS).add_table("TextFile", TEXT_ROWS)
+    package.add_table("EventManifest", [("DemoEvents", "Events", "[#demo_events]")])
     if fail:
         package.fail_at(6550)
     return package
@@ -62,6 +78,8 @@ def main():
     print(f"\nInstall with a deliberately failing step: exit code {code} (log: {work / 'failing.log'})")
     show("InstallTextFilesDeferred logged", library_lines(log, "InstallTextFilesDeferred"))
     show("InstallTextFilesRollback logged", library_lines(log, "InstallTextFilesRollback"))
+    show("InstallEventManifestRollback logged (the manifest is unregistered again)",
+         library_lines(log, "InstallEventManifestRollback"))
     show("settings.ini after the rollback (the previous file, byte for byte)", show_file(settings))
 
     package = demo_package("SetupUtilsDemo")
@@ -78,11 +96,16 @@ def main():
     show("InstallTextFilesDeferred logged", library_lines(log, "InstallTextFilesDeferred"))
     show("InstallTextFilesCommit logged", library_lines(log, "InstallTextFilesCommit"))
     show("settings.ini after install", show_file(settings))
+    show("InstallEventManifest logged", library_lines(log, "InstallEventManifest"))
+    show("InstallEventManifestDeferred logged (wevtutil run, its output, its exit code)",
+         library_lines(log, "InstallEventManifestDeferred"))
     show("Files in the install folder (no backups left)", sorted(p.name for p in install_dir.iterdir()))
 
     code, log = prefix.msiexec("/x", prefix.windows_path(msi), log=work / "uninstall.log")
     print(f"\nUninstall: exit code {code}")
     show("InstallTextFiles on uninstall", library_lines(log, "InstallTextFiles"))
+    show("UninstallEventManifest and its deferred action on uninstall",
+         library_lines(log, "UninstallEventManifest") + library_lines(log, "UninstallEventManifestDeferred"))
     show("settings.ini after uninstall (text files are left in place)", show_file(settings))
     return 0
 

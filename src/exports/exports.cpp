@@ -2,30 +2,26 @@
 // feature inside the action frame. Nothing else lives here.
 
 #include "actions/files/text_file_actions.h"
+#include "actions/system/event_manifest_actions.h"
 #include "actions/system/well_known_sids.h"
 #include "runtime/action_frame.h"
 
-#define UTILS_EXPORT extern "C" UINT __stdcall
+// One exported action: runs setup::<name> in the frame with its installer error.
+#define UTILS_ACTION(name, error)                                                         \
+    extern "C" UINT __stdcall name(MSIHANDLE hInstall) {                                  \
+        return setup::RunAction(hInstall, #name, setup::ActionError::error, &setup::name); \
+    }
 
-using setup::ActionError;
-using setup::RunAction;
+UTILS_ACTION(GetWellKnownSids, WellKnownSids)
 
-UTILS_EXPORT GetWellKnownSids(MSIHANDLE hInstall) {
-    return RunAction(hInstall, "GetWellKnownSids", ActionError::WellKnownSids, &setup::GetWellKnownSids);
-}
+UTILS_ACTION(InstallTextFiles, TextFiles)
+UTILS_ACTION(InstallTextFilesDeferred, TextFiles)
+UTILS_ACTION(InstallTextFilesRollback, None)
+UTILS_ACTION(InstallTextFilesCommit, None)
 
-UTILS_EXPORT InstallTextFiles(MSIHANDLE hInstall) {
-    return RunAction(hInstall, "InstallTextFiles", ActionError::TextFiles, &setup::InstallTextFiles);
-}
-
-UTILS_EXPORT InstallTextFilesDeferred(MSIHANDLE hInstall) {
-    return RunAction(hInstall, "InstallTextFilesDeferred", ActionError::TextFiles, &setup::InstallTextFilesDeferred);
-}
-
-UTILS_EXPORT InstallTextFilesRollback(MSIHANDLE hInstall) {
-    return RunAction(hInstall, "InstallTextFilesRollback", ActionError::None, &setup::InstallTextFilesRollback);
-}
-
-UTILS_EXPORT InstallTextFilesCommit(MSIHANDLE hInstall) {
-    return RunAction(hInstall, "InstallTextFilesCommit", ActionError::None, &setup::InstallTextFilesCommit);
-}
+UTILS_ACTION(InstallEventManifest, InstallEventManifest)
+UTILS_ACTION(InstallEventManifestDeferred, None)
+UTILS_ACTION(InstallEventManifestRollback, None)
+UTILS_ACTION(UninstallEventManifest, UninstallEventManifest)
+UTILS_ACTION(UninstallEventManifestDeferred, UninstallEventManifest)
+UTILS_ACTION(UninstallEventManifestRollback, None)

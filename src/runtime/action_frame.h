@@ -20,6 +20,8 @@ enum class ActionError : int {
     None = 0,  // rollback, commit and the remaining deferred actions: log and result only
     TextFiles = 27454,
     WellKnownSids = 27457,
+    InstallEventManifest = 27466,
+    UninstallEventManifest = 27467,
 };
 
 using ActionWork = std::function<void(Session& session)>;

@@ -85,6 +85,12 @@ View Database::OpenView(std::wstring_view query) const {
     return View(view);
 }
 
+void Database::ForEachRow(std::wstring_view query, const std::function<void(const Record&)>& row) const {
+    View view = OpenView(query);
+    view.Execute();
+    while (const std::optional<Record> record = view.Fetch()) row(*record);
+}
+
 bool Database::TableExists(std::wstring_view table) const {
     const std::wstring name(table);
     MsiHandle keys;

@@ -6,6 +6,7 @@
 // may outlive the view that fetched it. Every failure throws setup::Exception
 // with the installer's error code and the text given below.
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -69,6 +70,8 @@ public:
     static Database Active(MSIHANDLE hInstall);
 
     View OpenView(std::wstring_view query) const;  // "Failed to create a view object."
+    // Runs a query without parameters and hands each row to `row`, in fetch order.
+    void ForEachRow(std::wstring_view query, const std::function<void(const Record&)>& row) const;
     // False for a table the package lacks; other failures throw
     // "Failed to determines existing the table:" with the name.
     bool TableExists(std::wstring_view table) const;

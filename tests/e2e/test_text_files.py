@@ -1,6 +1,6 @@
 import unittest
 
-from msitest import Package, Prefix, library_lines, scratch_dir
+from msipackage import Package, Prefix, library_lines, scratch_dir
 
 ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
 FAIL_AT = 6550  # after the text files are written, before InstallFinalize

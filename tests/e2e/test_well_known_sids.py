@@ -1,6 +1,6 @@
 import unittest
 
-from msitest import Package, Prefix, library_lines, properties, scratch_dir
+from msipackage import Package, Prefix, library_lines, properties, scratch_dir
 
 ACCOUNTS = [("ACCOUNT_LOCALSYSTEM", 22), ("ACCOUNT_LOCALSERVICE", 23), ("ACCOUNT_NETWORKSERVICE", 24),
             ("ACCOUNT_CREATOROWNER", 3), ("ACCOUNT_ADMINISTRATORS", 26), ("ACCOUNT_USERS", 27),

@@ -31,19 +31,17 @@ private:
 
 std::vector<TextFileRow> ReadRows(const Session& session, const Database& database) {
     std::vector<TextFileRow> rows;
-    View view = database.OpenView(kQuery);
-    view.Execute();
-    while (auto record = view.Fetch()) {
+    database.ForEachRow(kQuery, [&](const Record& record) {
         TextFileRow row;
-        row.id = record->GetString(1);
+        row.id = record.GetString(1);
         if (row.id.empty()) Throw(kFail, L"The id is empty");
-        row.file = session.FormatText(record->GetString(2));
-        row.text = session.FormatText(record->GetString(3));
-        row.component = record->GetString(4);
+        row.file = session.FormatText(record.GetString(2));
+        row.text = session.FormatText(record.GetString(3));
+        row.component = record.GetString(4);
         if (row.component.empty()) Throw(kFail, L"The component is empty in " + row.id);
-        row.condition = record->GetString(5);
+        row.condition = record.GetString(5);
         rows.push_back(std::move(row));
-    }
+    });
     return rows;
 }
 

@@ -2,26 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include "runtime/fake_component_states.h"
+
 #include <map>
 #include <set>
 #include <string>
 
 namespace setup {
 namespace {
-
-class FakeStates : public ComponentStates {
-public:
-    std::optional<ComponentState> State(std::wstring_view component) override {
-        const auto it = states.find(std::wstring(component));
-        if (it == states.end()) return std::nullopt;
-        return it->second;
-    }
-    int EvaluateCondition(std::wstring_view condition) override {
-        if (condition.empty()) return kConditionNone;
-        return condition == L"TRUE" ? kConditionTrue : condition == L"BROKEN" ? kConditionError : kConditionFalse;
-    }
-    std::map<std::wstring, ComponentState> states;
-};
 
 class FakeMachine : public TextFileMachine {
 public:
@@ -38,7 +26,7 @@ public:
 };
 
 struct Fixture {
-    FakeStates states;
+    test::FakeComponentStates states;
     FakeMachine machine;
     RecordingLogSink log;
     Fixture() {

@@ -1,10 +1,11 @@
-"""End-to-end support: real packages through Wine's msiexec.
+"""Packages from the kit, run through Wine's msiexec: what the end-to-end
+tests and the demo share.
 
 A package is a wixl base (directories, components, features, files, the DLL
 in the Binary table) plus the package-author kit's IDT tables and test rows
 added with msibuild. Runs go through `wine cmd /c` with a batch wrapper that
 echoes the real exit code (wine itself passes it on modulo 256), always under
-a timeout, against the test run's prefix (tests/tools/wine-prefix).
+a timeout, against the test run's prefix (tools/wine-prefix).
 """
 
 import os
@@ -15,7 +16,7 @@ import tempfile
 import uuid
 from pathlib import Path
 
-ROOT = Path(__file__).resolve().parents[2]
+ROOT = Path(__file__).resolve().parents[1]
 KIT = ROOT / "packaging"
 BUILD = Path(os.environ.get("UTILS_BUILD", ROOT / "build"))
 DLL = Path(os.environ.get("UTILS_DLL", BUILD / "windows-x64" / "utils.dll"))
@@ -23,7 +24,7 @@ MSIEXEC_TIMEOUT = 180
 
 
 class Prefix:
-    """The Wine prefix of this test run (WINEPREFIX from tests/tools/wine-env)."""
+    """The Wine prefix of this test run (WINEPREFIX from tools/wine-env)."""
 
     def __init__(self):
         self.root = Path(os.environ.get("WINEPREFIX", BUILD / "wine" / "prefix"))
@@ -188,14 +189,15 @@ class Package:
         self.tables[idt_name] = (header, kit_rows + [list(r) for r in rows])
         return self
 
-    def fail_at(self, sequence):
-        """A deferred action that always fails, scheduled at `sequence`: the
+    def fail_at(self, sequence, condition=""):
+        """A deferred action that always fails, scheduled at `sequence` (when
+        `condition` holds): the
         installer then rolls back everything before it. It is the library's own
         text-file writer handed a target in a directory that does not exist
         (Wine ignores the exit codes of deferred EXE actions, so a failing
         command would not do)."""
         self.custom_actions.append(["ForceFailure", "3073", "SetupUtils", "InstallTextFilesDeferred"])
-        self.sequence.append(["ForceFailure", "", str(sequence)])
+        self.sequence.append(["ForceFailure", condition, str(sequence)])
         self.properties["ForceFailure"] = "files=00000000*atr>0^content>x^path>C:\\no\\such\\dir\\f.txt^rbf>|pfr="
         return self
 

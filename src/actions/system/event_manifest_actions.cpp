@@ -1,0 +1,114 @@
+#include "actions/system/event_manifest_actions.h"
+
+#include <string>
+#include <vector>
+
+#include "actions/system/event_manifest_plan.h"
+#include "runtime/action_data.h"
+#include "runtime/exception.h"
+#include "runtime/program_log.h"
+#include "runtime/throw.h"
+#include "services/process_runner.h"
+
+namespace setup {
+
+namespace {
+
+constexpr wchar_t kTable[] = L"EventManifest";
+constexpr wchar_t kQuery[] = L"SELECT `Component_`, `File` FROM `EventManifest`";
+
+std::wstring SystemWevtutil() {
+    wchar_t directory[MAX_PATH + 1];
+    const UINT length = ::GetSystemDirectoryW(directory, MAX_PATH + 1);
+    ThrowLastErrorIf(length == 0 || length > MAX_PATH, L"Failed to get system directory.");
+    return WevtutilPath(std::wstring_view(directory, length));
+}
+
+std::vector<EventManifestRow> ReadRows(const Session& session, const Database& database) {
+    std::vector<EventManifestRow> rows;
+    database.ForEachRow(kQuery, [&](const Record& record) {
+        EventManifestRow row{record.GetString(1), session.FormatText(record.GetString(2))};
+        if (row.file.empty()) Throw(kFail, L"The file is empty in EventManifest table.");
+        if (row.component.empty()) Throw(kFail, L"The component is empty in EventManifest table.");
+        rows.push_back(std::move(row));
+    });
+    return rows;
+}
+
+struct Schedule {
+    const wchar_t* action;
+    ManifestOperation operation;
+    const wchar_t* rollback;
+    const wchar_t* deferred;
+};
+
+void ScheduleManifests(Session& session, const Schedule& schedule) {
+    if (::GetFileAttributesW(SystemWevtutil().c_str()) == INVALID_FILE_ATTRIBUTES) {
+        LogInfo(L"Skip action %s. Wevtutil.exe is not exist.", schedule.action);
+        return;
+    }
+    const Database database = session.ActiveDatabase();
+    if (!database.TableExists(kTable)) {
+        LogInfo(L"There is no '%s' table.", kTable);
+        return;
+    }
+    const std::vector<EventManifestRow> rows = ReadRows(session, database);
+    SessionComponentStates states(session);
+    ProgramLogSink log;
+    const std::vector<std::wstring> paths = SelectManifests(rows, schedule.operation, states, log);
+    if (paths.empty()) return;
+    const std::wstring data = EncodeTextList(paths);
+    session.ScheduleDeferred(schedule.rollback, data);
+    session.ScheduleDeferred(schedule.deferred, data);
+}
+
+enum class OnFailure { Stop, Ignore };
+
+// Runs the tool on every path of the action data, in order.
+void RunManifests(const Session& session, ManifestOperation operation, OnFailure onFailure) {
+    const std::wstring tool = SystemWevtutil();
+    const wchar_t* verb = operation == ManifestOperation::Register ? L"register" : L"unregister";
+    for (const std::wstring& path : DecodeTextList(session.CustomActionData())) {
+        try {
+            ProcessRunner runner;
+            runner.RunProcess(ManifestCommandLine(tool, operation, path));
+        } catch (const Exception& e) {
+            if (onFailure == OnFailure::Ignore) {
+                LogInfo(L"Ignore: failed to %s event manifest '%s'. %s Error 0x%x.", verb, path, e.Message(), e.Code());
+                continue;
+            }
+            LogInfo(L"Failed to %s event manifest '%s'. %s Error 0x%x.", verb, path, e.Message(), e.Code());
+            throw;
+        }
+    }
+}
+
+}  // namespace
+
+void InstallEventManifest(Session& session) {
+    ScheduleManifests(session, {L"InstallEventManifest", ManifestOperation::Register, L"InstallEventManifestRollback",
+                                L"InstallEventManifestDeferred"});
+}
+
+void InstallEventManifestDeferred(Session& session) {
+    RunManifests(session, ManifestOperation::Register, OnFailure::Stop);
+}
+
+void InstallEventManifestRollback(Session& session) {
+    RunManifests(session, ManifestOperation::Unregister, OnFailure::Ignore);
+}
+
+void UninstallEventManifest(Session& session) {
+    ScheduleManifests(session, {L"UninstallEventManifest", ManifestOperation::Unregister,
+                                L"UninstallEventManifestRollback", L"UninstallEventManifestDeferred"});
+}
+
+void UninstallEventManifestDeferred(Session& session) {
+    RunManifests(session, ManifestOperation::Unregister, OnFailure::Stop);
+}
+
+void UninstallEventManifestRollback(Session& session) {
+    RunManifests(session, ManifestOperation::Register, OnFailure::Ignore);
+}
+
+}  // namespace setup

@@ -1,0 +1,155 @@
+import shutil
+import unittest
+
+from msipackage import DLL, Package, Prefix, library_lines, scratch_dir
+
+ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "InstallEventManifestRollback",
+           "UninstallEventManifest", "UninstallEventManifestDeferred", "UninstallEventManifestRollback")
+TOOL = "C:\\windows\\system32\\wevtutil.exe"
+DOUBLE = DLL.parent / "tests" / "wevtutil_double.exe"
+MANIFESTS = (("ev1", "events one.man"), ("ev2", "second.man"), ("ev3", "third.man"))
+
+
+def command(verb, path):
+    return f'"{TOOL}" {verb} "{path}"'
+
+
+class EventManifests(unittest.TestCase):
+    """Wine's own wevtutil.exe succeeds at everything, so the prefix gets a
+    double that records its command lines and fails on request (see
+    tests/tools/wevtutil_double.cpp), preferred over the builtin by a DLL
+    override in the environment msiexec and its custom action server inherit."""
+
+    @classmethod
+    def setUpClass(cls):
+        prefix = Prefix()
+        cls.tool = prefix.host_path(TOOL)
+        cls.saved_tool = scratch_dir("wevtutil-original") / "wevtutil.exe"
+        shutil.copyfile(cls.tool, cls.saved_tool)
+        shutil.copyfile(DOUBLE, cls.tool)
+
+    @classmethod
+    def tearDownClass(cls):
+        shutil.copyfile(cls.saved_tool, cls.tool)
+
+    def setUp(self):
+        self.prefix = Prefix()
+        self.prefix.env["WINEDLLOVERRIDES"] = self.prefix.env["WINEDLLOVERRIDES"] + ";wevtutil.exe=n"
+        self.work = scratch_dir(self.id().split(".")[-1])
+        self.double = self.prefix.host_path("C:\\wevtutil-double")
+        shutil.rmtree(self.double, ignore_errors=True)
+        self.double.mkdir()
+
+    def fail_when(self, *rules):
+        """Exit codes of the double: (text in the command line, code), first match wins."""
+        (self.double / "rules.txt").write_text("".join(f"{text}\t{code}\n" for text, code in rules))
+
+    def calls(self):
+        path = self.double / "calls.txt"
+        return path.read_text(encoding="utf-8").splitlines() if path.exists() else []
+
+    def make(self, rows=None):
+        """Three manifests installed with one component; rows default to one per manifest."""
+        name = f"{self.id().split('.')[-1][:40]}"
+        package = Package(name).add_component("Manifests", [(fid, fname, "<instrumentationManifest/>")
+                                                            for fid, fname in MANIFESTS])
+        package.use_kit(*ACTIONS)
+        if rows is None:
+            rows = [(f"M{i}", "Manifests", f"[#{fid}]") for i, (fid, _) in enumerate(MANIFESTS, 1)]
+        package.add_table("EventManifest", rows)
+        self.paths = [f"C:\\Program Files\\{package.directory}\\{fname}" for _, fname in MANIFESTS]
+        return package
+
+    def run_msiexec(self, package, mode, *properties, log):
+        msi = getattr(package, "msi", None) or package.build(self.work)
+        return self.prefix.msiexec(mode, self.prefix.windows_path(msi), *properties, log=self.work / log)
+
+    def test_install_registers_in_table_order_and_uninstall_unregisters(self):
+        package = self.make()
+        code, log = self.run_msiexec(package, "/i", log="install.log")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertEqual(self.calls(), [command("im", p) for p in self.paths])
+        immediate = library_lines(log, "InstallEventManifest")
+        self.assertIn(f"Need to install event log manifest '{self.paths[0]}'. Component 'Manifests' to do 1.",
+                      immediate)
+        deferred = library_lines(log, "InstallEventManifestDeferred")
+        self.assertIn(f"Start process: {command('im', self.paths[0])}.", deferred)
+        self.assertIn("> wevtutil double: ok", deferred)  # the child's output, from the reader thread
+        self.assertIn("Process finished. ExitCode: '0'", deferred)
+        self.assertEqual(library_lines(log, "UninstallEventManifest")[1:-1],
+                         [f"Skip uninstall event log manifest '{p}'. Component 'Manifests' is not marked to "
+                          "uninstall or reinstall." for p in self.paths])
+
+        (self.double / "calls.txt").unlink()
+        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertEqual(self.calls(), [command("um", p) for p in self.paths])
+        self.assertIn(f"Need to uninstall event log manifest '{self.paths[2]}'. Component 'Manifests' to do 2.",
+                      library_lines(log, "UninstallEventManifest"))
+        self.assertEqual(library_lines(log, "InstallEventManifestDeferred"), [])
+
+    def test_failed_registration_fails_the_install_and_rollback_unregisters_every_manifest(self):
+        package = self.make()
+        self.fail_when((command("im", self.paths[1]), 5), (command("um", self.paths[2]), 7))
+        code, log = self.run_msiexec(package, "/i", log="install.log")
+        self.assertEqual(code, 1603, log[-4000:])
+        # The second registration stops the deferred action; rollback takes
+        # back the whole list and only logs the failure on the third.
+        self.assertEqual(self.calls(), [command("im", self.paths[0]), command("im", self.paths[1])] +
+                         [command("um", p) for p in self.paths])
+        self.assertIn(f"Failed to register event manifest '{self.paths[1]}'. Process returned error 5 "
+                      "Error 0x80004005.", library_lines(log, "InstallEventManifestDeferred"))
+        rollback = library_lines(log, "InstallEventManifestRollback")
+        self.assertIn(f"Ignore: failed to unregister event manifest '{self.paths[2]}'. Process returned error 7 "
+                      "Error 0x80004005.", rollback)
+        self.assertEqual(rollback[-1], "InstallEventManifestRollback: finished. Return value 0.")
+
+    def test_failed_uninstall_registers_again_and_ignores_failures(self):
+        package = self.make().fail_at(3495, 'REMOVE="ALL"')  # after the unregistration is scheduled
+        code, log = self.run_msiexec(package, "/i", log="install.log")
+        self.assertEqual(code, 0, log[-4000:])
+        (self.double / "calls.txt").unlink()
+        self.fail_when((command("im", self.paths[0]), 3))
+        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
+        self.assertEqual(code, 1603, log[-4000:])
+        self.assertEqual(self.calls(), [command("um", p) for p in self.paths] + [command("im", p) for p in self.paths])
+        self.assertIn(f"Ignore: failed to register event manifest '{self.paths[0]}'. Process returned error 3 "
+                      "Error 0x80004005.", library_lines(log, "UninstallEventManifestRollback"))
+
+    def test_missing_tool_skips_both_actions_and_schedules_nothing(self):
+        package = self.make()
+        self.tool.unlink()
+        try:
+            code, log = self.run_msiexec(package, "/i", log="install.log")
+            self.assertEqual(code, 0, log[-4000:])
+            self.assertIn("Skip action InstallEventManifest. Wevtutil.exe is not exist.",
+                          library_lines(log, "InstallEventManifest"))
+            self.assertIn("Skip action UninstallEventManifest. Wevtutil.exe is not exist.",
+                          library_lines(log, "UninstallEventManifest"))
+            self.assertNotIn("InstallEventManifestDeferred", log)
+            code, log = self.run_msiexec(package, "/x", log="uninstall.log")
+            self.assertEqual(code, 0, log[-4000:])
+            self.assertNotIn("UninstallEventManifestDeferred", log)
+        finally:
+            shutil.copyfile(DOUBLE, self.tool)
+        self.assertEqual(self.calls(), [])
+
+    def test_empty_file_or_component_fails_the_install(self):
+        for rows, text in (([("M1", "Manifests", "")], "The file is empty in EventManifest table."),
+                           ([("M1", "", "[#ev1]")], "The component is empty in EventManifest table.")):
+            with self.subTest(text=text):
+                package = self.make(rows)
+                package.name += "Empty" + ("File" if "file" in text else "Component")
+                # The kit's columns are required; a package built without
+                # validation can still hold an empty value.
+                header, rows = package.tables["EventManifest"]
+                package.tables["EventManifest"] = ([header[0], "s72\tS72\tS255", header[2]], rows)
+                code, log = self.run_msiexec(package, "/i", log=f"{package.name}.log")
+                self.assertEqual(code, 1603, log[-4000:])
+                # Both immediate actions read the table; the unregistering one runs first.
+                self.assertIn(f"{text} Error 0x80004005.", library_lines(log, "UninstallEventManifest"))
+        self.assertEqual(self.calls(), [])
+
+
+if __name__ == "__main__":
+    unittest.main()

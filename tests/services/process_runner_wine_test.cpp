@@ -1,0 +1,103 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "runtime/exception.h"
+#include "runtime/unique_handle.h"
+#include "services/path.h"
+#include "services/process_runner.h"
+#include "services/services_wine_support.h"
+#include "wine_support/test_package.h"
+
+namespace setup {
+namespace {
+
+using test::Thrown;
+
+// The scripted child built next to this test program.
+std::wstring Child(const std::wstring& steps) {
+    wchar_t self[MAX_PATH];
+    const DWORD length = ::GetModuleFileNameW(nullptr, self, MAX_PATH);
+    return L"\"" + JoinPath(DirectoryOf(std::wstring(self, length)), L"child_process.exe") + L"\" " + steps;
+}
+
+bool Contains(const std::wstring& log, const std::wstring& text) { return log.find(text) != std::wstring::npos; }
+
+std::size_t Count(const std::wstring& log, const std::wstring& text) {
+    std::size_t n = 0;
+    for (std::size_t at = log.find(text); at != std::wstring::npos; at = log.find(text, at + 1)) ++n;
+    return n;
+}
+
+class ProcessRunnerTest : public test::ServicesTest {};
+
+TEST_F(ProcessRunnerTest, LogsBothStreamsLineByLineAndSkipsEmptyLines) {
+    const std::wstring command = Child(L"out:first blank err:second raw:spl sleep:800 out:it exit:0");
+    const std::wstring log = Logged([&] { ProcessRunner().RunProcess(command); });
+
+    EXPECT_TRUE(Contains(log, L"]: Start process: " + command + L".\n")) << log;
+    EXPECT_TRUE(Contains(log, L"]: Process ID: ")) << log;
+    // Standard output and standard error share one pipe, so their order holds;
+    // the line written in two parts arrives in two reads and is two lines.
+    const std::size_t first = log.find(L"]: > first\n");
+    const std::size_t second = log.find(L"]: > second\n");
+    const std::size_t spl = log.find(L"]: > spl\n");
+    const std::size_t it = log.find(L"]: > it\n");
+    const std::size_t finished = log.find(L"]: Process finished. ExitCode: '0'\n");
+    ASSERT_NE(it, std::wstring::npos) << log;
+    ASSERT_NE(finished, std::wstring::npos) << log;
+    EXPECT_LT(first, second);
+    EXPECT_LT(second, spl);
+    EXPECT_LT(spl, it);
+    EXPECT_EQ(Count(log, L"]: > "), 4u) << log;  // the blank line logs nothing
+    EXPECT_TRUE(Contains(log, L"]: End of reading process output.")) << log;
+}
+
+TEST_F(ProcessRunnerTest, NonZeroExitCodeIsAnErrorAfterItWasLogged) {
+    Exception error(0, L"");
+    const std::wstring log = Logged([&] { error = Thrown([&] { ProcessRunner().RunProcess(Child(L"exit:1")); }); });
+    EXPECT_EQ(error.Code(), static_cast<HResult>(0x80004005));
+    EXPECT_EQ(error.Message(), L"Process returned error 1");
+    EXPECT_TRUE(Contains(log, L"]: Process finished. ExitCode: '1'\n")) << log;
+    // No output at all: the reader sees the pipe break or the child gone.
+    EXPECT_TRUE(Contains(log, L"End of reading process output.") || Contains(log, L"Process finished, no more output."))
+        << log;
+    EXPECT_EQ(Count(log, L"]: > "), 0u) << log;
+}
+
+TEST_F(ProcessRunnerTest, ChildThatOutlivesTheWaitIsATimeoutAndKeepsRunning) {
+    Exception error(0, L"");
+    bool stillRunning = false;
+    const std::wstring log = Logged([&] {
+        ProcessRunner runner(300);
+        error = Thrown([&] { runner.RunProcess(Child(L"out:started sleep:20000")); });
+        // The runner leaves the child alone; end it so the reader can finish.
+        KernelHandle child(::OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, runner.ProcessId()));
+        ASSERT_TRUE(child);
+        stillRunning = ::WaitForSingleObject(child.Get(), 0) == WAIT_TIMEOUT;
+        ::TerminateProcess(child.Get(), 9);
+    });
+    EXPECT_EQ(error.Code(), static_cast<HResult>(0x80070102));
+    EXPECT_EQ(error.Message(), L"The wait process operation timed out.");
+    EXPECT_TRUE(stillRunning);
+    EXPECT_FALSE(Contains(log, L"Process finished. ExitCode")) << log;
+}
+
+TEST_F(ProcessRunnerTest, MegabyteOfOutputDoesNotBlockTheChild) {
+    const std::wstring log = Logged([&] { ProcessRunner(60000).RunProcess(Child(L"bulk:1048576 out:done")); });
+    EXPECT_TRUE(Contains(log, L"]: Process finished. ExitCode: '0'\n")) << log.substr(log.size() - 2000);
+    // 16384 lines of 64 bytes; a line cut by a read boundary comes out in two parts.
+    EXPECT_GE(Count(log, L"]: > line "), 16384u);
+    EXPECT_TRUE(Contains(log, L"]: > done\n"));
+}
+
+TEST_F(ProcessRunnerTest, CommandThatCannotStartNamesTheCommandLine) {
+    const std::wstring command = L"\"" + dir_.File(L"no such program.exe") + L"\" im x";
+    Exception error(0, L"");
+    Logged([&] { error = Thrown([&] { ProcessRunner().RunProcess(command); }); });
+    EXPECT_EQ(error.Message(), L"Failed to CreateProcess " + command);
+    EXPECT_EQ(error.Code(), static_cast<HResult>(0x80070002));
+}
+
+}  // namespace
+}  // namespace setup
