@@ -64,7 +64,7 @@ class EventManifests(unittest.TestCase):
         msi = getattr(package, "msi", None) or package.build(self.work)
         return self.prefix.msiexec(mode, self.prefix.windows_path(msi), *properties, log=self.work / log)
 
-    def test_install_registers_in_table_order_and_uninstall_unregisters(self):
+    def test_install_registers_in_table_order_repair_reregisters_and_uninstall_unregisters(self):
         package = self.make()
         code, log = self.run_msiexec(package, "/i", log="install.log")
         self.assertEqual(code, 0, log[-4000:])
@@ -79,6 +79,15 @@ class EventManifests(unittest.TestCase):
         self.assertEqual(library_lines(log, "UninstallEventManifest")[1:-1],
                          [f"Skip uninstall event log manifest '{p}'. Component 'Manifests' is not marked to "
                           "uninstall or reinstall." for p in self.paths])
+
+        # A repair reinstalls the component: unregistered before its files are
+        # replaced, registered again after.
+        (self.double / "calls.txt").unlink()
+        code, log = self.run_msiexec(package, "/i", "REINSTALL=ALL", "REINSTALLMODE=vomus", log="repair.log")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertEqual(self.calls(), [command("um", p) for p in self.paths] + [command("im", p) for p in self.paths])
+        self.assertIn(f"Need to install event log manifest '{self.paths[1]}'. Component 'Manifests' to do 3.",
+                      library_lines(log, "InstallEventManifest"))
 
         (self.double / "calls.txt").unlink()
         code, log = self.run_msiexec(package, "/x", log="uninstall.log")
