@@ -9,23 +9,16 @@
 
 #include "runtime/action_frame.h"
 #include "runtime/program_log.h"
-#include "services/path.h"
 #include "services/process_runner.h"
 #include "wine_support/test_package.h"
 
 using namespace setup;
 using Clock = std::chrono::steady_clock;
+using setup::test::ChildProcessCommand;
 
 namespace {
 
 double Ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
-
-std::wstring Child(const std::wstring& steps) {
-    wchar_t self[MAX_PATH];
-    const DWORD length = ::GetModuleFileNameW(nullptr, self, MAX_PATH);
-    const std::wstring tests = JoinPath(DirectoryOf(DirectoryOf(std::wstring(self, length))), L"tests");
-    return L"\"" + JoinPath(tests, L"child_process.exe") + L"\" " + steps;
-}
 
 // Runs `command` `times` times inside one action; returns the wall time and the messages logged.
 Clock::duration Time(MSIHANDLE session, const std::wstring& command, int times, unsigned batch, std::size_t& lines) {
@@ -51,12 +44,12 @@ int main() {
     std::size_t lines = 0;
 
     const int runs = 20;
-    const auto fixed = Time(session, Child(L"exit:0"), runs, 0, lines);
+    const auto fixed = Time(session, ChildProcessCommand(L"exit:0"), runs, 0, lines);
     std::printf("one run of a child without output: %.1f ms (mean of %d)\n", Ms(fixed) / runs, runs);
 
     for (const long bytes : {1L << 20, 8L << 20}) {
         for (const unsigned batch : {0u, 100u}) {
-            const auto t = Time(session, Child(L"bulk:" + std::to_wstring(bytes)), 1, batch, lines);
+            const auto t = Time(session, ChildProcessCommand(L"bulk:" + std::to_wstring(bytes)), 1, batch, lines);
             const double seconds = Ms(t) / 1000.0;
             std::printf("%2ld MB of output (%ld lines of 64 bytes), %s: %7.1f ms, %5.1f MB/s, %8.0f lines/s, "
                         "%zu messages\n",

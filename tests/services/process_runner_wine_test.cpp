@@ -4,7 +4,6 @@
 
 #include "runtime/exception.h"
 #include "runtime/unique_handle.h"
-#include "services/path.h"
 #include "services/process_runner.h"
 #include "services/services_wine_support.h"
 #include "wine_support/test_package.h"
@@ -12,14 +11,8 @@
 namespace setup {
 namespace {
 
+using test::ChildProcessCommand;
 using test::Thrown;
-
-// The scripted child built next to this test program.
-std::wstring Child(const std::wstring& steps) {
-    wchar_t self[MAX_PATH];
-    const DWORD length = ::GetModuleFileNameW(nullptr, self, MAX_PATH);
-    return L"\"" + JoinPath(DirectoryOf(std::wstring(self, length)), L"child_process.exe") + L"\" " + steps;
-}
 
 bool Contains(const std::wstring& log, const std::wstring& text) { return log.find(text) != std::wstring::npos; }
 
@@ -32,7 +25,7 @@ std::size_t Count(const std::wstring& log, const std::wstring& text) {
 class ProcessRunnerTest : public test::ServicesTest {};
 
 TEST_F(ProcessRunnerTest, LogsBothStreamsLineByLineAndSkipsEmptyLines) {
-    const std::wstring command = Child(L"out:first blank err:second raw:spl sleep:800 out:it exit:0");
+    const std::wstring command = ChildProcessCommand(L"out:first blank err:second raw:spl sleep:800 out:it exit:0");
     const std::wstring log = Logged([&] { ProcessRunner().RunProcess(command); });
 
     EXPECT_TRUE(Contains(log, L"]: Start process: " + command + L".\n")) << log;
@@ -55,7 +48,8 @@ TEST_F(ProcessRunnerTest, LogsBothStreamsLineByLineAndSkipsEmptyLines) {
 
 TEST_F(ProcessRunnerTest, NonZeroExitCodeIsAnErrorAfterItWasLogged) {
     Exception error(0, L"");
-    const std::wstring log = Logged([&] { error = Thrown([&] { ProcessRunner().RunProcess(Child(L"exit:1")); }); });
+    const std::wstring log =
+        Logged([&] { error = Thrown([&] { ProcessRunner().RunProcess(ChildProcessCommand(L"exit:1")); }); });
     EXPECT_EQ(error.Code(), static_cast<HResult>(0x80004005));
     EXPECT_EQ(error.Message(), L"Process returned error 1");
     EXPECT_TRUE(Contains(log, L"]: Process finished. ExitCode: '1'\n")) << log;
@@ -70,7 +64,7 @@ TEST_F(ProcessRunnerTest, ChildThatOutlivesTheWaitIsATimeoutAndKeepsRunning) {
     bool stillRunning = false;
     const std::wstring log = Logged([&] {
         ProcessRunner runner(300);
-        error = Thrown([&] { runner.RunProcess(Child(L"out:started sleep:20000")); });
+        error = Thrown([&] { runner.RunProcess(ChildProcessCommand(L"out:started sleep:20000")); });
         // The runner leaves the child alone; end it so the reader can finish.
         KernelHandle child(::OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, runner.ProcessId()));
         ASSERT_TRUE(child);
@@ -84,7 +78,8 @@ TEST_F(ProcessRunnerTest, ChildThatOutlivesTheWaitIsATimeoutAndKeepsRunning) {
 }
 
 TEST_F(ProcessRunnerTest, MegabyteOfOutputDoesNotBlockTheChild) {
-    const std::wstring log = Logged([&] { ProcessRunner(60000).RunProcess(Child(L"bulk:1048576 out:done")); });
+    const std::wstring log =
+        Logged([&] { ProcessRunner(60000).RunProcess(ChildProcessCommand(L"bulk:1048576 out:done")); });
     EXPECT_TRUE(Contains(log, L"]: Process finished. ExitCode: '0'\n")) << log.substr(log.size() - 2000);
     // 16384 lines of 64 bytes; a line cut by a read boundary comes out in two parts.
     EXPECT_GE(Count(log, L"]: > line "), 16384u);

@@ -218,13 +218,23 @@ std::wstring MessageCapture::AllInfo() const {
     return all;
 }
 
-HMODULE LoadUtilsDll() {
+namespace {
+
+// The build tree of this program: ...\windows-x64 (programs live in tests\ or bench\).
+std::wstring BuildTree() {
     wchar_t self[MAX_PATH] = {};
     ::GetModuleFileNameW(nullptr, self, MAX_PATH);
     std::wstring path = self;
-    path = path.substr(0, path.find_last_of(L'\\'));  // ...\tests
-    path = path.substr(0, path.find_last_of(L'\\'));  // ...\windows-x64
-    return ::LoadLibraryW((path + L"\\utils.dll").c_str());
+    path = path.substr(0, path.find_last_of(L'\\'));
+    return path.substr(0, path.find_last_of(L'\\'));
+}
+
+}  // namespace
+
+HMODULE LoadUtilsDll() { return ::LoadLibraryW((BuildTree() + L"\\utils.dll").c_str()); }
+
+std::wstring ChildProcessCommand(const std::wstring& steps) {
+    return L"\"" + BuildTree() + L"\\tests\\child_process.exe\" " + steps;
 }
 
 std::wstring ReadFileBytesAsHex(const std::wstring& path) {

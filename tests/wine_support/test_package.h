@@ -117,6 +117,9 @@ std::wstring LoggedIn(MSIHANDLE session, F work) {
 // Loads the built utils.dll next to the test program's folder.
 HMODULE LoadUtilsDll();
 
+// The command line that runs the scripted child program (tests/tools/child_process.cpp) with `steps`.
+std::wstring ChildProcessCommand(const std::wstring& steps);
+
 std::wstring ReadFileBytesAsHex(const std::wstring& path);
 
 }  // namespace setup::test
