@@ -10,7 +10,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tools"))
 
-from msipackage import BUILD, Package, Prefix, library_lines, properties  # noqa: E402
+from msipackage import ARCH, BUILD, DLL, Package, Prefix, library_lines, properties  # noqa: E402
 
 
 def show(title, lines):
@@ -63,7 +63,9 @@ def show_file(path):
 
 def main():
     prefix = Prefix()
-    work = BUILD / "demo" / "work"
+    bits = "32-bit, the shipped DLL, under WOW64" if ARCH == "x86" else "64-bit"
+    print(f"Running the {bits} DLL: {DLL}")
+    work = BUILD / f"demo-{ARCH}" / "work"
     work.mkdir(parents=True, exist_ok=True)
     install_dir = prefix.root / "drive_c" / "Program Files" / "Setup Utils Demo"
     settings = install_dir / "settings.ini"

@@ -20,6 +20,15 @@ ROOT = Path(__file__).resolve().parents[1]
 KIT = ROOT / "packaging"
 BUILD = Path(os.environ.get("UTILS_BUILD", ROOT / "build"))
 DLL = Path(os.environ.get("UTILS_DLL", BUILD / "windows-x64" / "utils.dll"))
+# The architecture of the DLL under test: "x64", or "x86" for the shipped DLL
+# under WOW64 (the e2e-x86 tier, run inside tools/wow64). The packages stay
+# 64-bit on both tiers, so only the custom actions' process differs.
+ARCH = os.environ.get("UTILS_ARCH", "x64")
+# Where a process of the DLL's architecture finds C:\windows\system32: a
+# 32-bit process is redirected to syswow64, so 32-bit doubles of system tools go there.
+SYSTEM_DIR = "windows/syswow64" if ARCH == "x86" else "windows/system32"
+# Test programs built for the DLL's architecture (doubles, helpers).
+TEST_TOOLS = DLL.parent / "tests"
 MSIEXEC_TIMEOUT = 180
 
 
@@ -34,6 +43,10 @@ class Prefix:
         # up between the processes a test runs (a no-op when it is up already).
         subprocess.run(["wineserver", "-p"], env=self.env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                        stderr=subprocess.DEVNULL, check=False)
+
+    def system_tool(self, name):
+        """Where the DLL's process finds C:\\windows\\system32\\<name> on the host."""
+        return self.root / "drive_c" / SYSTEM_DIR / name
 
     def host_path(self, windows_path):
         """C:\\x\\y -> <prefix>/drive_c/x/y"""

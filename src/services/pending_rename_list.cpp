@@ -22,24 +22,21 @@ std::wstring RemoveNtPrefix(std::wstring_view path) {
     return std::wstring(at == std::wstring_view::npos ? path : path.substr(at + kNtPrefix.size()));
 }
 
-PendingRenameList ParsePendingRenames(std::wstring_view raw) {
+std::optional<PendingRenameList> ParsePendingRenames(std::wstring_view raw) {
     PendingRenameList list;
-    const std::size_t n = raw.size();
-    if (n < 2 || raw[n - 1] != L'\0' || raw[n - 2] != L'\0') return list;
-    // The data ends in two NULs, so a source read from below n - 2 ends by n - 2
-    // and its target by n - 1: no read runs past the end.
-    auto next = [&](std::size_t& pos) {
-        const std::size_t end = raw.find(L'\0', pos);
-        const std::wstring_view piece = raw.substr(pos, end - pos);
+    if (raw.empty() || raw == std::wstring_view(L"\0", 1)) return list;
+    // Without the list's closing NUL, every string must end in its own NUL.
+    if (raw.size() < 2 || raw[raw.size() - 1] != L'\0' || raw[raw.size() - 2] != L'\0') return std::nullopt;
+    const std::wstring_view body = raw.substr(0, raw.size() - 1);
+    std::vector<std::wstring_view> strings;
+    for (std::size_t pos = 0; pos < body.size();) {
+        const std::size_t end = body.find(L'\0', pos);
+        strings.push_back(body.substr(pos, end - pos));
         pos = end + 1;
-        return RemoveNtPrefix(piece);
-    };
-    std::size_t pos = 0;
-    while (pos < n - 2) {
-        PendingRename entry;
-        entry.source = next(pos);
-        entry.target = next(pos);
-        list.push_back(std::move(entry));
+    }
+    if (strings.size() % 2 != 0) return std::nullopt;
+    for (std::size_t i = 0; i < strings.size(); i += 2) {
+        list.push_back({std::wstring(strings[i]), std::wstring(strings[i + 1])});
     }
     return list;
 }
@@ -47,8 +44,8 @@ PendingRenameList ParsePendingRenames(std::wstring_view raw) {
 std::wstring SerializePendingRenames(const PendingRenameList& list) {
     std::wstring raw;
     for (const PendingRename& entry : list) {
-        raw.append(AddNtPrefix(entry.source)).push_back(L'\0');
-        raw.append(AddNtPrefix(entry.target)).push_back(L'\0');
+        raw.append(entry.source).push_back(L'\0');
+        raw.append(entry.target).push_back(L'\0');
     }
     if (!list.empty()) raw.push_back(L'\0');
     return raw;
@@ -72,28 +69,39 @@ PendingRenameList DecodePendingRenames(std::wstring_view text) {
     return list;
 }
 
-PendingRenameRollback PlanPendingRenameRollback(const PendingRenameList& snapshot, const PendingRenameList& current,
+PendingRenameRollback PlanPendingRenameRollback(const PendingRenameSnapshot& snapshot,
+                                                const PendingRenameList& current,
                                                 const std::set<std::wstring>& rollbackPaths, LogSink& log) {
     PendingRenameRollback plan;
-    if (snapshot.size() > current.size()) {
+    const std::size_t before = snapshot.entries.size();
+    if (before > current.size()) {
         plan.kept = current;
         return plan;
     }
-    plan.kept.assign(current.begin(), current.begin() + static_cast<std::ptrdiff_t>(snapshot.size()));
-    for (std::size_t i = snapshot.size(); i < current.size(); ++i) {
+    plan.kept.assign(current.begin(), current.begin() + static_cast<std::ptrdiff_t>(before));
+    // Our entries are found by exact match against the prefixed paths.
+    std::set<std::wstring> prefixed;
+    for (const std::wstring& path : rollbackPaths) {
+        if (!path.empty()) prefixed.insert(AddNtPrefix(path));
+    }
+    for (std::size_t i = before; i < current.size(); ++i) {
         const PendingRename& entry = current[i];
-        const bool targetMatches = rollbackPaths.count(entry.target) != 0;
-        if (!targetMatches && rollbackPaths.count(entry.source) == 0) {
+        const bool onto = prefixed.count(entry.target) != 0;
+        const bool deletion = entry.target.empty() && prefixed.count(entry.source) != 0;
+        if (!onto && !deletion) {
             plan.kept.push_back(entry);
             continue;
         }
-        log.Info(L"Rollback pending rename '%s' -> '%s'.", entry.source, entry.target);
-        if (targetMatches) {
-            log.Info(L"Need to delete rollback file '%s'.", entry.source);
-            plan.deletions.push_back(entry.source);
+        const std::wstring source = RemoveNtPrefix(entry.source);
+        log.Info(L"Rollback pending rename '%s' -> '%s'.", source, RemoveNtPrefix(entry.target));
+        if (onto) {
+            log.Info(L"Need to delete rollback file '%s'.", source);
+            plan.deletions.push_back(source);
         }
     }
-    plan.rewrite = plan.kept.size() != current.size();
+    if (plan.kept.size() == current.size()) return plan;
+    // Put back what was there: no value when there was none and nothing else is left.
+    plan.write = plan.kept.empty() && !snapshot.exists ? PendingRenameWrite::Remove : PendingRenameWrite::Write;
     return plan;
 }
 

@@ -2,6 +2,7 @@
 
 #include <winternl.h>
 
+#include <optional>
 #include <vector>
 
 #include "runtime/program_log.h"
@@ -77,32 +78,59 @@ void PendingRenameMutex::Release() {
     handle_.Reset();
 }
 
-PendingRenameList ReadPendingRenames() {
+PendingRenameValue ReadPendingRenameValue() {
     RegistryKey key;
     ThrowIfWin32Error(::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSessionManagerKey, 0, KEY_QUERY_VALUE, key.Put()),
                       std::wstring(L"Failed to open key: ") + kSessionManagerKey);
     // The value may grow between the size query and the read (another writer);
     // a few rounds settle it.
     for (int round = 0; round < 4; ++round) {
-        DWORD type = 0;
-        DWORD bytes = 0;
-        LONG status = ::RegQueryValueExW(key.Get(), kPendingRenamesValue, nullptr, &type, nullptr, &bytes);
-        if (status == ERROR_FILE_NOT_FOUND) return {};
+        PendingRenameValue value;
+        LONG status = ::RegQueryValueExW(key.Get(), kPendingRenamesValue, nullptr, &value.type, nullptr, &value.bytes);
+        if (status == ERROR_FILE_NOT_FOUND) return PendingRenameValue{};
         if (status != ERROR_SUCCESS && status != ERROR_MORE_DATA) {
             ThrowIfWin32Error(status, L"Failed to read registry value: " + kValuePath);
         }
-        if (bytes == 0) return {};
-        if (type != REG_MULTI_SZ) Throw(kUnexpected, L"Unexpected type of registry value: " + kValuePath);
+        value.exists = true;
         // Whole characters: an odd byte count still gets room for its last unit.
-        std::vector<wchar_t> data((bytes + sizeof(wchar_t) - 1) / sizeof(wchar_t), L'\0');
-        DWORD capacity = static_cast<DWORD>(data.size() * sizeof(wchar_t));
-        status = ::RegQueryValueExW(key.Get(), kPendingRenamesValue, nullptr, &type,
-                                    reinterpret_cast<BYTE*>(data.data()), &capacity);
+        value.data.assign((value.bytes + sizeof(wchar_t) - 1) / sizeof(wchar_t), L'\0');
+        DWORD capacity = static_cast<DWORD>(value.data.size() * sizeof(wchar_t));
+        if (capacity == 0) return value;
+        status = ::RegQueryValueExW(key.Get(), kPendingRenamesValue, nullptr, &value.type,
+                                    reinterpret_cast<BYTE*>(value.data.data()), &capacity);
         if (status == ERROR_MORE_DATA) continue;
         ThrowIfWin32Error(status, L"Failed to read registry value: " + kValuePath);
-        return ParsePendingRenames(std::wstring_view(data.data(), capacity / sizeof(wchar_t)));
+        value.bytes = capacity;
+        value.data.resize((capacity + sizeof(wchar_t) - 1) / sizeof(wchar_t));
+        return value;
     }
     Throw(HResultFromWin32(ERROR_MORE_DATA), L"Failed to read registry value: " + kValuePath);
+}
+
+namespace {
+
+// The value's entries, or nullopt (with the reason in `what`) when it is not a list of pairs.
+std::optional<PendingRenameList> ListOf(const PendingRenameValue& value, std::wstring& what) {
+    if (!value.exists) return PendingRenameList{};
+    if (value.type != REG_MULTI_SZ) {
+        what = Format(L"Unexpected type of registry value: %s (type %u, %u bytes).", kValuePath, value.type,
+                      value.bytes);
+        return std::nullopt;
+    }
+    std::optional<PendingRenameList> list;
+    if (value.bytes % sizeof(wchar_t) == 0) list = ParsePendingRenames(value.data);
+    if (!list) what = Format(L"The registry value %s is not a list of rename pairs (%u bytes).", kValuePath, value.bytes);
+    return list;
+}
+
+}  // namespace
+
+PendingRenameSnapshot TakePendingRenameSnapshot() {
+    const PendingRenameValue value = ReadPendingRenameValue();
+    std::wstring what;
+    std::optional<PendingRenameList> list = ListOf(value, what);
+    if (!list) Throw(kUnexpected, what + L" Files cannot be replaced at restart without changing it.");
+    return PendingRenameSnapshot{value.exists, std::move(*list)};
 }
 
 void WritePendingRenames(const PendingRenameList& list) {
@@ -118,14 +146,33 @@ void WritePendingRenames(const PendingRenameList& list) {
                       L"Failed to set registry value: " + kValuePath);
 }
 
-void RollbackPendingRenames(const PendingRenameList& snapshot, const std::set<std::wstring>& rollbackPaths) {
+void RemovePendingRenames() {
+    DriverConnection driver;
+    PendingRenameMonitoringPause pause(driver);
+    RegistryKey key;
+    ThrowIfWin32Error(::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSessionManagerKey, 0, KEY_SET_VALUE, key.Put()),
+                      std::wstring(L"Failed to open registry key: ") + kSessionManagerKey);
+    const LONG status = ::RegDeleteValueW(key.Get(), kPendingRenamesValue);
+    if (status == ERROR_FILE_NOT_FOUND) return;
+    ThrowIfWin32Error(status, L"Failed to delete registry value: " + kValuePath);
+}
+
+void RollbackPendingRenames(const PendingRenameSnapshot& snapshot, const std::set<std::wstring>& rollbackPaths) {
     ProgramLogSink log;
     PendingRenameRollback plan;
     {
         PendingRenameMutex mutex = PendingRenameMutex::Open();
         mutex.Lock();
-        plan = PlanPendingRenameRollback(snapshot, ReadPendingRenames(), rollbackPaths, log);
-        if (plan.rewrite) WritePendingRenames(plan.kept);
+        std::wstring what;
+        const std::optional<PendingRenameList> current = ListOf(ReadPendingRenameValue(), what);
+        if (!current) {
+            // Not ours to interpret: another program wrote it so, or damaged it.
+            LogInfo(L"%s It is left as it is.", what);
+            return;
+        }
+        plan = PlanPendingRenameRollback(snapshot, *current, rollbackPaths, log);
+        if (plan.write == PendingRenameWrite::Write) WritePendingRenames(plan.kept);
+        if (plan.write == PendingRenameWrite::Remove) RemovePendingRenames();
     }  // the mutex is held from the read to the write only
     LogInfo(L"Delete rollback files.");
     for (const std::wstring& path : plan.deletions) {

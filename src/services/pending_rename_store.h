@@ -17,8 +17,6 @@ namespace setup {
 
 inline constexpr wchar_t kSessionManagerKey[] = L"SYSTEM\\CurrentControlSet\\Control\\Session Manager";
 inline constexpr wchar_t kPendingRenamesValue[] = L"PendingFileRenameOperations";
-// Defined beside the first value by the system; never read or written here.
-inline constexpr wchar_t kPendingRenamesValue2[] = L"PendingFileRenameOperations2";
 inline constexpr wchar_t kPendingRenameMutexName[] = L"\\PendingRenameMutex";
 
 // Owns the opened mutex (no handle when it does not exist) and releases it,
@@ -45,14 +43,33 @@ private:
     bool locked_ = false;
 };
 
-// Throws "Failed to open key: ...", "Failed to read registry value: ..." or, for
-// a value that is not REG_MULTI_SZ, E_UNEXPECTED "Unexpected type of registry value: ...".
-PendingRenameList ReadPendingRenames();
+// The value as it is stored: absent, or its type, byte count and characters
+// (an odd last byte is kept as a whole character and makes the value malformed).
+struct PendingRenameValue {
+    bool exists = false;
+    DWORD type = REG_MULTI_SZ;
+    DWORD bytes = 0;
+    std::wstring data;
+};
+
+// Throws "Failed to open key: ..." or "Failed to read registry value: ...".
+PendingRenameValue ReadPendingRenameValue();
+
+// The list as it stands, for an action that is about to add to it. Throws
+// E_UNEXPECTED naming what it found when the value is of another type than
+// REG_MULTI_SZ or does not read as rename pairs: the action could not later
+// find and take back its own entries in it, so it must not add any.
+PendingRenameSnapshot TakePendingRenameSnapshot();
+
 // Throws "Failed to open registry key: ..." or "Failed to set registry value: ...".
 void WritePendingRenames(const PendingRenameList& list);
+// Removes the value; an absent value is not an error. Throws
+// "Failed to open registry key: ..." or "Failed to delete registry value: ...".
+void RemovePendingRenames();
 
 // Takes back the entries an action added since `snapshot` for `rollbackPaths`
-// (see PlanPendingRenameRollback), then deletes their staging files.
-void RollbackPendingRenames(const PendingRenameList& snapshot, const std::set<std::wstring>& rollbackPaths);
+// (see PlanPendingRenameRollback), then deletes their staging files. A value
+// that is absent, of another type or malformed is left exactly as it is.
+void RollbackPendingRenames(const PendingRenameSnapshot& snapshot, const std::set<std::wstring>& rollbackPaths);
 
 }  // namespace setup

@@ -1,12 +1,12 @@
 import shutil
 import unittest
 
-from msipackage import DLL, Package, Prefix, library_lines, scratch_dir
+from msipackage import TEST_TOOLS, Package, Prefix, library_lines, scratch_dir
 
 ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "InstallEventManifestRollback",
            "UninstallEventManifest", "UninstallEventManifestDeferred", "UninstallEventManifestRollback")
 TOOL = "C:\\windows\\system32\\wevtutil.exe"
-DOUBLE = DLL.parent / "tests" / "wevtutil_double.exe"
+DOUBLE = TEST_TOOLS / "wevtutil_double.exe"
 MANIFESTS = (("ev1", "events one.man"), ("ev2", "second.man"), ("ev3", "third.man"))
 
 
@@ -23,7 +23,7 @@ class EventManifests(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         prefix = Prefix()
-        cls.tool = prefix.host_path(TOOL)
+        cls.tool = prefix.system_tool("wevtutil.exe")
         cls.saved_tool = scratch_dir("wevtutil-original") / "wevtutil.exe"
         shutil.copyfile(cls.tool, cls.saved_tool)
         shutil.copyfile(DOUBLE, cls.tool)

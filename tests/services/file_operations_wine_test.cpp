@@ -96,7 +96,7 @@ TEST_F(FileOperationsTest, ADestinationInUseIsCopiedAtRestartDeleteFirstThenRena
     SavedPendingRenames::Remove();
     const std::wstring log = Logged([&] { CopyFileWithFallback(source, target, true); });
     EXPECT_NE(log.find(L"The file '" + target + L"' is being used by another process."), std::wstring::npos) << log;
-    const PendingRenameList queued = ReadPendingRenames();
+    const PendingRenameList queued = test::QueuedRenames();
     ASSERT_EQ(queued.size(), 2u);
     EXPECT_EQ(queued[0], (PendingRename{target, L""}));  // the delete comes first
     EXPECT_EQ(queued[1].target, target);
@@ -118,7 +118,7 @@ TEST_F(FileOperationsTest, RestartFallbacksForFilesAndDirectories) {
         MoveFileWithFallback(dir_.File(L"ghost.txt"), dir_.File(L"ghost2.txt"), true);
         RemoveDirectoryWithFallback(sub);  // not empty: always goes at restart
     });
-    const PendingRenameList queued = ReadPendingRenames();
+    const PendingRenameList queued = test::QueuedRenames();
     EXPECT_EQ(queued, (PendingRenameList{{dir_.File(L"ghost.txt"), L""},
                                          {dir_.File(L"ghost2.txt"), L""},
                                          {dir_.File(L"ghost.txt"), dir_.File(L"ghost2.txt")},

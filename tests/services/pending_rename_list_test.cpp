@@ -11,37 +11,33 @@ namespace {
 
 using namespace std::string_literals;
 
-TEST(PendingRenameList, MalformedDataReadsAsAnEmptyList) {
+TEST(PendingRenameList, ValuesThatAreNotPairsAreNotLists) {
     const std::wstring cases[] = {
-        L""s,
-        L"\0"s,                          // fewer than two characters
-        L"\\??\\C:\\a\0\\??\\C:\\b\0"s,  // no double NUL at the end
-        L"\\??\\C:\\a\0\\??\\C:\\b"s,
+        L"\\??\\C:\\a\0\\??\\C:\\b\0"s,  // no closing NUL
+        L"\\??\\C:\\a\0\\??\\C:\\b"s,    // the last string has no NUL
+        L"\\??\\C:\\a\0\0"s,              // an odd number of strings
+        L"x"s,
     };
-    for (const auto& raw : cases) EXPECT_TRUE(ParsePendingRenames(raw).empty()) << raw.size();
+    for (const auto& raw : cases) EXPECT_FALSE(ParsePendingRenames(raw).has_value()) << raw.size();
+    EXPECT_EQ(ParsePendingRenames(L""s), PendingRenameList{});  // the empty list of zero bytes
+    EXPECT_EQ(ParsePendingRenames(L"\0"s), PendingRenameList{});
 }
 
-TEST(PendingRenameList, ParsesRenamesDeletesAndUnprefixedTargets) {
+TEST(PendingRenameList, EntriesRoundTripExactlyAsStored) {
+    // Another program's replacing rename ("!" before the prefix), a delete and
+    // an unprefixed target come back byte for byte.
     const std::wstring raw = L"\\??\\C:\\stage\\TBM1.tmp\0!\\??\\C:\\app\\a.txt\0"
                              L"\\??\\C:\\app\\old.txt\0\0"
                              L"\\??\\C:\\x\0D:\\plain\0\0"s;
-    const PendingRenameList list = ParsePendingRenames(raw);
-    const PendingRenameList expected = {
-        {L"C:\\stage\\TBM1.tmp", L"C:\\app\\a.txt"},  // "!" before the prefix (replace flag) is dropped with it
-        {L"C:\\app\\old.txt", L""},                    // a delete entry
-        {L"C:\\x", L"D:\\plain"},                      // a target without "\??\" stays whole
-    };
-    EXPECT_EQ(list, expected);
-}
-
-TEST(PendingRenameList, SerialisesWithPrefixesAndTheClosingNul) {
-    const PendingRenameList list = {{L"C:\\a", L"C:\\b"}, {L"C:\\gone", L""}};
-    const std::wstring raw = SerializePendingRenames(list);
-    EXPECT_EQ(raw, L"\\??\\C:\\a\0\\??\\C:\\b\0\\??\\C:\\gone\0\0\0"s);  // delete: source, NUL, lone NUL
-    EXPECT_EQ(ParsePendingRenames(raw), list);
+    const PendingRenameList list = ParsePendingRenames(raw).value();
+    EXPECT_EQ(list, (PendingRenameList{{L"\\??\\C:\\stage\\TBM1.tmp", L"!\\??\\C:\\app\\a.txt"},
+                                       {L"\\??\\C:\\app\\old.txt", L""},
+                                       {L"\\??\\C:\\x", L"D:\\plain"}}));
+    EXPECT_EQ(SerializePendingRenames(list), raw);
     EXPECT_EQ(SerializePendingRenames({}), L"");
     EXPECT_EQ(DecodePendingRenames(EncodePendingRenames(list)), list);
-    EXPECT_TRUE(DecodePendingRenames(EncodePendingRenames({})).empty());
+    EXPECT_EQ(AddNtPrefix(L""), L"");
+    EXPECT_EQ(RemoveNtPrefix(L"!\\??\\C:\\a"), L"C:\\a");
 }
 
 struct Plan {
@@ -49,22 +45,23 @@ struct Plan {
     std::vector<std::wstring> log;
 };
 
-Plan RunPlan(const PendingRenameList& snapshot, const PendingRenameList& current, std::set<std::wstring> paths) {
+Plan RunPlan(const PendingRenameSnapshot& snapshot, const PendingRenameList& current, std::set<std::wstring> paths) {
     RecordingLogSink log;
     Plan plan{PlanPendingRenameRollback(snapshot, current, paths, log), {}};
     plan.log = log.lines;
     return plan;
 }
 
-TEST(PendingRenameRollback, CopyAtRestartForARolledBackTargetGoesAndOnlyTheStagingFileIsDeleted) {
-    const PendingRenameList before = {{L"C:\\other\\x", L""}};
+TEST(PendingRenameRollback, TakesBackOnlyOurEntriesAndKeepsForeignOnesByteForByte) {
+    const PendingRenameList before = {{L"\\??\\C:\\other\\x", L""}};
     PendingRenameList current = before;
-    current.push_back({L"C:\\app\\a.txt", L""});                    // delete the destination at restart
-    current.push_back({L"C:\\src\\TBM2.tmp", L"C:\\app\\a.txt"});   // then rename the staged copy onto it
-    current.push_back({L"C:\\foreign\\y", L"C:\\foreign\\z"});      // another program's, added later
-    const Plan plan = RunPlan(before, current, {L"C:\\app\\a.txt"});
-    EXPECT_TRUE(plan.result.rewrite);
-    EXPECT_EQ(plan.result.kept, (PendingRenameList{{L"C:\\other\\x", L""}, {L"C:\\foreign\\y", L"C:\\foreign\\z"}}));
+    current.push_back({L"\\??\\C:\\app\\a.txt", L""});                    // ours: delete the destination at restart
+    current.push_back({L"\\??\\C:\\src\\TBM2.tmp", L"\\??\\C:\\app\\a.txt"});  // ours: the staged copy onto it
+    current.push_back({L"\\??\\C:\\f\\new.dll", L"!\\??\\C:\\app\\a.txt"});    // another program's replacing rename
+    current.push_back({L"\\??\\C:\\app\\a.txt", L"\\??\\C:\\moved"});          // a rename away from ours: not ours
+    const Plan plan = RunPlan({true, before}, current, {L"C:\\app\\a.txt"});
+    EXPECT_EQ(plan.result.write, PendingRenameWrite::Write);
+    EXPECT_EQ(plan.result.kept, (PendingRenameList{before[0], current[3], current[4]}));
     EXPECT_EQ(plan.result.deletions, std::vector<std::wstring>{L"C:\\src\\TBM2.tmp"});
     EXPECT_EQ(plan.log, (std::vector<std::wstring>{
                             L"Rollback pending rename 'C:\\app\\a.txt' -> ''.",
@@ -73,16 +70,19 @@ TEST(PendingRenameRollback, CopyAtRestartForARolledBackTargetGoesAndOnlyTheStagi
                         }));
 }
 
-TEST(PendingRenameRollback, LeavesTheListAloneWhenNothingOfOursIsThere) {
-    const PendingRenameList current = {{L"C:\\a", L"C:\\b"}};
+TEST(PendingRenameRollback, PutsBackWhatWasThereAndWritesNothingWhenNothingIsOurs) {
+    const PendingRenameList ours = {{L"\\??\\C:\\b", L""}, {L"\\??\\C:\\t.tmp", L"\\??\\C:\\b"}};
+    // No value before: nothing left means no value after, not an empty one.
+    EXPECT_EQ(RunPlan({false, {}}, ours, {L"C:\\b"}).result.write, PendingRenameWrite::Remove);
+    // An empty value before stays an empty value.
+    EXPECT_EQ(RunPlan({true, {}}, ours, {L"C:\\b"}).result.write, PendingRenameWrite::Write);
     // A snapshot longer than the list: someone trimmed it already.
-    Plan longer = RunPlan({{L"1", L""}, {L"2", L""}}, current, {L"C:\\b"});
-    EXPECT_FALSE(longer.result.rewrite);
-    EXPECT_EQ(longer.result.kept, current);
+    const Plan longer = RunPlan({true, {{L"1", L""}, {L"2", L""}, {L"3", L""}}}, ours, {L"C:\\b"});
+    EXPECT_EQ(longer.result.write, PendingRenameWrite::None);
     EXPECT_TRUE(longer.result.deletions.empty());
     // Entries the snapshot already had are never touched, even for a rollback path.
-    Plan older = RunPlan(current, current, {L"C:\\b"});
-    EXPECT_FALSE(older.result.rewrite);
+    const Plan older = RunPlan({true, ours}, ours, {L"C:\\b"});
+    EXPECT_EQ(older.result.write, PendingRenameWrite::None);
     EXPECT_TRUE(older.log.empty());
 }
 

@@ -29,42 +29,49 @@ class PendingRenameStoreTest : public test::ServicesTest {};
 
 TEST_F(PendingRenameStoreTest, ReadsAndWritesTheRealValue) {
     SavedPendingRenames::Remove();
-    EXPECT_TRUE(ReadPendingRenames().empty());  // absent
-    const PendingRenameList list = {{L"C:\\a", L"C:\\b"}, {L"C:\\c", L""}};
+    EXPECT_EQ(TakePendingRenameSnapshot(), PendingRenameSnapshot{});  // absent
+    const PendingRenameList list = {{L"\\??\\C:\\a", L"!\\??\\C:\\b"}, {L"\\??\\C:\\c", L""}};
     WritePendingRenames(list);
     std::wstring raw;
     DWORD type = 0;
     ASSERT_TRUE(SavedPendingRenames::ReadRaw(raw, type));
     EXPECT_EQ(type, static_cast<DWORD>(REG_MULTI_SZ));
-    EXPECT_EQ(raw, L"\\??\\C:\\a\0\\??\\C:\\b\0\\??\\C:\\c\0\0\0"s);
-    EXPECT_EQ(ReadPendingRenames(), list);
+    EXPECT_EQ(raw, L"\\??\\C:\\a\0!\\??\\C:\\b\0\\??\\C:\\c\0\0\0"s);
+    EXPECT_EQ(TakePendingRenameSnapshot(), (PendingRenameSnapshot{true, list}));
     WritePendingRenames({});  // an empty list is a value of zero bytes, not an absent one
     ASSERT_TRUE(SavedPendingRenames::ReadRaw(raw, type));
     EXPECT_TRUE(raw.empty());
-    EXPECT_TRUE(ReadPendingRenames().empty());
-
-    SavedPendingRenames::SetRaw(REG_SZ, L"C:\\a\0"s);
-    try {
-        ReadPendingRenames();
-        ADD_FAILURE() << "no exception";
-    } catch (const Exception& e) {
-        EXPECT_EQ(e.Code(), static_cast<HResult>(0x8000FFFF));
-        EXPECT_EQ(e.Message(), L"Unexpected type of registry value: SYSTEM\\CurrentControlSet\\Control\\"
-                               L"Session Manager\\PendingFileRenameOperations");
-    }
+    EXPECT_EQ(TakePendingRenameSnapshot(), (PendingRenameSnapshot{true, {}}));
+    RemovePendingRenames();
+    RemovePendingRenames();  // absent already: not an error
+    EXPECT_FALSE(SavedPendingRenames::ReadRaw(raw, type));
 }
 
-TEST_F(PendingRenameStoreTest, AMalformedValueIsNeverRewritten) {
-    const std::wstring malformed = L"\\??\\C:\\theirs\0\\??\\C:\\other"s;  // no closing NULs
-    SavedPendingRenames::SetRaw(REG_MULTI_SZ, malformed);
-    std::wstring before;
-    DWORD type = 0;
-    ASSERT_TRUE(SavedPendingRenames::ReadRaw(before, type));  // Wine adds one NUL: still no double NUL
-    EXPECT_TRUE(ReadPendingRenames().empty());
-    Logged([&] { RollbackPendingRenames({}, {L"C:\\other"}); });
-    std::wstring raw;
-    ASSERT_TRUE(SavedPendingRenames::ReadRaw(raw, type));
-    EXPECT_EQ(raw, before);
+TEST_F(PendingRenameStoreTest, AValueThatIsNotAListIsRefusedForASnapshotAndNeverRewritten) {
+    const std::pair<DWORD, std::wstring> cases[] = {
+        {REG_SZ, L"C:\\a\0"s},
+        {REG_MULTI_SZ, L"\\??\\C:\\theirs\0\\??\\C:\\other"s},  // no closing NULs (Wine adds one: still malformed)
+        {REG_MULTI_SZ, L"\\??\\C:\\odd\0\0"s},                  // an odd number of strings
+    };
+    for (const auto& [setType, value] : cases) {
+        SavedPendingRenames::SetRaw(setType, value);
+        std::wstring before, after;
+        DWORD type = 0;
+        ASSERT_TRUE(SavedPendingRenames::ReadRaw(before, type));
+        try {
+            TakePendingRenameSnapshot();
+            ADD_FAILURE() << "no exception";
+        } catch (const Exception& e) {
+            EXPECT_EQ(e.Code(), static_cast<HResult>(0x8000FFFF));
+            EXPECT_NE(e.Message().find(L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\"
+                                       L"PendingFileRenameOperations"), std::wstring::npos);
+        }
+        const std::wstring log = Logged([&] { RollbackPendingRenames({}, {L"C:\\other"}); });
+        EXPECT_NE(log.find(L"It is left as it is."), std::wstring::npos) << log;
+        ASSERT_TRUE(SavedPendingRenames::ReadRaw(after, type));
+        EXPECT_EQ(after, before);
+        EXPECT_EQ(type, setType);
+    }
 }
 
 TEST_F(PendingRenameStoreTest, RollbackTakesBackACopyAtRestartAndDeletesOnlyTheStagingFile) {
@@ -72,28 +79,38 @@ TEST_F(PendingRenameStoreTest, RollbackTakesBackACopyAtRestartAndDeletesOnlyTheS
     WriteBytes(source, "new");
     WriteBytes(target, "old");
     SavedPendingRenames::Remove();
-    WritePendingRenames({{L"C:\\foreign\\before", L""}});
-    const PendingRenameList snapshot = ReadPendingRenames();
+    const PendingRenameSnapshot absent = TakePendingRenameSnapshot();
     Logged([&] { CopyFileOnReboot(source, target); });
-    PendingRenameList after = ReadPendingRenames();
+    const PendingRenameList ours = test::QueuedRenames();
+    ASSERT_EQ(ours.size(), 2u);
+    const std::wstring staged = ours[1].source;
+    // Rolled back alone, the value goes as it came: there was none.
+    Logged([&] { RollbackPendingRenames(absent, {target}); });
+    std::wstring raw;
+    DWORD type = 0;
+    EXPECT_FALSE(SavedPendingRenames::ReadRaw(raw, type));
+    EXPECT_FALSE(FileExists(staged));
+
+    WritePendingRenames({{L"\\??\\C:\\foreign\\before", L""}});
+    const PendingRenameSnapshot snapshot = TakePendingRenameSnapshot();
+    Logged([&] { CopyFileOnReboot(source, target); });
+    PendingRenameList after = TakePendingRenameSnapshot().entries;
     ASSERT_EQ(after.size(), 3u);
-    const std::wstring staged = after[2].source;
-    WritePendingRenames([&] {
-        after.push_back({L"C:\\foreign\\later", L"C:\\foreign\\x"});
-        return after;
-    }());
+    const std::wstring staged2 = RemoveNtPrefix(after[2].source);
+    after.push_back({L"\\??\\C:\\foreign\\later", L"!\\??\\C:\\foreign\\x"});
+    WritePendingRenames(after);
 
     const std::wstring log = Logged([&] { RollbackPendingRenames(snapshot, {target}); });
-    EXPECT_EQ(ReadPendingRenames(), (PendingRenameList{{L"C:\\foreign\\before", L""},
-                                                       {L"C:\\foreign\\later", L"C:\\foreign\\x"}}));
-    EXPECT_FALSE(FileExists(staged));
+    EXPECT_EQ(TakePendingRenameSnapshot().entries,
+              (PendingRenameList{{L"\\??\\C:\\foreign\\before", L""}, {L"\\??\\C:\\foreign\\later", L"!\\??\\C:\\foreign\\x"}}));
+    EXPECT_FALSE(FileExists(staged2));
     EXPECT_EQ(ReadBytes(source), "new");
     EXPECT_EQ(ReadBytes(target), "old");
     for (const std::wstring& line : std::vector<std::wstring>{L"Mutex '\\PendingRenameMutex' not found. Error 0x80070002.",
                                     L"Skip lock mutex '\\PendingRenameMutex'.",
-                                    L"Rollback pending rename '" + staged + L"' -> '" + target + L"'.",
-                                    L"Need to delete rollback file '" + staged + L"'.", L"Delete rollback files.",
-                                    L"Remove file '" + staged + L"'."}) {
+                                    L"Rollback pending rename '" + staged2 + L"' -> '" + target + L"'.",
+                                    L"Need to delete rollback file '" + staged2 + L"'.", L"Delete rollback files.",
+                                    L"Remove file '" + staged2 + L"'."}) {
         EXPECT_NE(log.find(line), std::wstring::npos) << line << "\n" << log;
     }
 }
@@ -138,7 +155,7 @@ private:
 
 TEST_F(PendingRenameStoreTest, AMutexHeldElsewhereTimesOutAfterTenSecondsWithoutWriting) {
     SavedPendingRenames::Remove();
-    WritePendingRenames({{L"C:\\x", L"C:\\y"}});
+    WritePendingRenames({{L"\\??\\C:\\x", L"\\??\\C:\\y"}});
     HeldMutex held;
     ASSERT_GE(held.Status(), 0) << "could not create the mutex at the root of the object namespace";
     const auto start = std::chrono::steady_clock::now();
@@ -150,7 +167,7 @@ TEST_F(PendingRenameStoreTest, AMutexHeldElsewhereTimesOutAfterTenSecondsWithout
     EXPECT_TRUE(capture.HasInfo(L"Timeout reached while wait the mutex \\PendingRenameMutex Error 0x80070102."))
         << capture.AllInfo();
     EXPECT_GE(waited, std::chrono::milliseconds(9900));
-    EXPECT_EQ(ReadPendingRenames(), (PendingRenameList{{L"C:\\x", L"C:\\y"}}));  // nothing written unlocked
+    EXPECT_EQ(test::QueuedRenames(), (PendingRenameList{{L"C:\\x", L"C:\\y"}}));  // nothing written unlocked
 }
 
 TEST_F(PendingRenameStoreTest, ARestartCarriesOutTheQueuedOperations) {
@@ -166,7 +183,7 @@ TEST_F(PendingRenameStoreTest, ARestartCarriesOutTheQueuedOperations) {
         RemoveFileOnReboot(gone);
         CopyFileOnReboot(source, target);
     });
-    ASSERT_EQ(ReadPendingRenames().size(), 5u);
+    ASSERT_EQ(test::QueuedRenames().size(), 5u);
 
     // wineboot -r carries out the list as a restart of the machine would.
     STARTUPINFOW si = {};
@@ -182,7 +199,7 @@ TEST_F(PendingRenameStoreTest, ARestartCarriesOutTheQueuedOperations) {
     EXPECT_FALSE(FileExists(gone));
     EXPECT_EQ(ReadBytes(target), "fresh");
     EXPECT_EQ(ReadBytes(source), "fresh");
-    EXPECT_TRUE(ReadPendingRenames().empty());
+    EXPECT_TRUE(test::QueuedRenames().empty());
 }
 
 }  // namespace

@@ -43,6 +43,15 @@ bool SavedPendingRenames::ReadRaw(std::wstring& raw, DWORD& type) {
     return true;
 }
 
+PendingRenameList QueuedRenames() {
+    PendingRenameList list = ParsePendingRenames(ReadPendingRenameValue().data).value_or(PendingRenameList{});
+    for (PendingRename& entry : list) {
+        entry.source = RemoveNtPrefix(entry.source);
+        entry.target = RemoveNtPrefix(entry.target);
+    }
+    return list;
+}
+
 void WriteBytes(const std::wstring& path, const std::string& bytes) {
     FileHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     DWORD written = 0;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "runtime/unique_handle.h"
+#include "services/pending_rename_list.h"
 #include "wine_support/test_package.h"
 
 namespace setup::test {
@@ -44,6 +45,9 @@ protected:
     TempDir dir_;
     SavedPendingRenames saved_;
 };
+
+// The restart-time rename list as it stands, prefixes removed for readability.
+PendingRenameList QueuedRenames();
 
 void WriteBytes(const std::wstring& path, const std::string& bytes);
 std::string ReadBytes(const std::wstring& path);

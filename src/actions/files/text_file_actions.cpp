@@ -8,6 +8,7 @@
 #include "runtime/program_log.h"
 #include "runtime/throw.h"
 #include "services/file_operations.h"
+#include "services/file_restore.h"
 #include "services/path.h"
 #include "services/pending_rename_store.h"
 
@@ -71,7 +72,7 @@ void InstallTextFiles(Session& session) {
     TextFileActionData data;
     data.items = PlanTextFiles(rows, states, machine, log);
     if (data.items.empty()) return;
-    data.snapshot = ReadPendingRenames();
+    if (NeedsPendingRenames(data.items)) data.snapshot = TakePendingRenameSnapshot();
     const std::wstring encoded = EncodeTextFileActionData(data);
     session.ScheduleDeferred(L"InstallTextFilesRollback", encoded);
     session.ScheduleDeferred(L"InstallTextFilesDeferred", encoded);
@@ -106,36 +107,26 @@ void InstallTextFilesRollback(Session& session) {
     std::set<std::wstring> pendingPaths;
     std::vector<std::pair<std::wstring, std::wstring>> restores;  // (target, backup)
     for (const TextFileItem& item : data.items) {
-        const bool atReboot = (item.atr & kTextFileReplaceAtReboot) != 0;
+        if (item.atr & kTextFileReplaceAtReboot) {
+            // The target itself was never written; its staged file and the
+            // queued replacement are taken back below.
+            LogInfo(L"Need to rollback pending rename operations of '%s'.", item.path);
+            pendingPaths.insert(item.path);
+        }
         if (item.rbf.empty()) {
-            if (atReboot) {
-                // Nothing was written to the target itself; the staged file
-                // and its queued move are taken back below.
-                LogInfo(L"Need to rollback pending rename operations of '%s'.", item.path);
-                pendingPaths.insert(item.path);
-            } else if (FileExists(item.path)) {
+            if (!(item.atr & kTextFileReplaceAtReboot) && FileExists(item.path)) {
                 LogInfo(L"Delete file '%s'.", item.path);
                 Leniently([&] { RemoveFileWithFallback(item.path, true); });
             }
             continue;
         }
         if (::GetFileAttributesW(item.rbf.c_str()) == INVALID_FILE_ATTRIBUTES) continue;  // never backed up
-        LogInfo(L"Rollback file '%s' from '%s'.", item.path, item.rbf);
-        if (atReboot) {
-            LogInfo(L"Need to rollback pending rename operations of '%s'.", item.path);
-            pendingPaths.insert(item.path);
-        }
         restores.emplace_back(item.path, item.rbf);
     }
-    Leniently([&] { RollbackPendingRenames(data.snapshot, pendingPaths); });
-    for (const auto& [path, backup] : restores) {
-        Leniently([&] {
-            LogInfo(L"Remove file '%s'.", path);
-            if (!::DeleteFileW(path.c_str())) RemoveFileOnReboot(path);
-            LogInfo(L"Move file '%s' -> '%s'.", backup, path);
-            if (!::MoveFileExW(backup.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING)) MoveFileOnReboot(backup, path);
-        });
-    }
+    if (!pendingPaths.empty()) Leniently([&] { RollbackPendingRenames(data.snapshot, pendingPaths); });
+    // A target that equals its backup was never changed and is left alone;
+    // any other is replaced by its backup in one step.
+    for (const auto& [path, backup] : restores) Leniently([&] { RestoreFileFromBackup(path, backup); });
 }
 
 void InstallTextFilesCommit(Session& session) {
@@ -144,7 +135,7 @@ void InstallTextFilesCommit(Session& session) {
     for (const TextFileItem& item : data.items) {
         if (item.rbf.empty() || !FileExists(item.rbf)) continue;
         LogInfo(L"Cleanup file '%s'.", item.rbf);
-        Leniently([&] { RemoveFileWithFallback(item.rbf, true); });
+        Leniently([&] { RemoveBackupFile(item.rbf); });
     }
 }
 

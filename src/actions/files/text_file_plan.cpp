@@ -64,6 +64,13 @@ std::vector<TextFileItem> PlanTextFiles(const std::vector<TextFileRow>& rows, Co
     return items;
 }
 
+bool NeedsPendingRenames(const std::vector<TextFileItem>& items) {
+    for (const TextFileItem& item : items) {
+        if (item.atr & kTextFileReplaceAtReboot) return true;
+    }
+    return false;
+}
+
 std::wstring EncodeTextFileActionData(const TextFileActionData& data) {
     std::vector<PropertyMap> records;
     records.reserve(data.items.size());
@@ -77,7 +84,8 @@ std::wstring EncodeTextFileActionData(const TextFileActionData& data) {
     }
     PropertyMap top;
     top.Set(L"files", EncodeRecordList(records));
-    top.Set(L"pfr", EncodePendingRenames(data.snapshot));
+    top.Set(L"pfr", EncodePendingRenames(data.snapshot.entries));
+    top.Set(L"pfe", data.snapshot.exists ? 1 : 0);
     return EncodeActionData(top);
 }
 
@@ -88,7 +96,8 @@ TextFileActionData DecodeTextFileActionData(std::wstring_view text) {
         data.items.push_back({record.Get(L"path"), record.Get(L"rbf"), record.Get(L"content"),
                               record.GetInteger(L"atr")});
     }
-    data.snapshot = DecodePendingRenames(top.View(L"pfr"));
+    data.snapshot.entries = DecodePendingRenames(top.View(L"pfr"));
+    data.snapshot.exists = top.GetInteger(L"pfe") != 0;
     return data;
 }
 

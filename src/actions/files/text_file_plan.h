@@ -59,12 +59,17 @@ void AppendTextLine(std::wstring& content, std::wstring_view text, bool first);
 // `text` without any '[' or ']' (the installer log would read them as property references).
 std::wstring WithoutBrackets(std::wstring_view text);
 
-// Action data shared by the three scheduled actions: "files" (the items) and
-// "pfr" (the restart-time rename list as it stood at scheduling time).
+// Action data shared by the three scheduled actions: "files" (the items),
+// "pfr" and "pfe" (the restart-time rename list as it stood at scheduling
+// time, and whether the value existed; taken only when an item replaces its
+// file at restart, since only those add to the list).
 struct TextFileActionData {
     std::vector<TextFileItem> items;
-    PendingRenameList snapshot;
+    PendingRenameSnapshot snapshot;
 };
+
+// True when some item is replaced at restart (and so needs the rename list).
+bool NeedsPendingRenames(const std::vector<TextFileItem>& items);
 std::wstring EncodeTextFileActionData(const TextFileActionData& data);
 TextFileActionData DecodeTextFileActionData(std::wstring_view text);
 

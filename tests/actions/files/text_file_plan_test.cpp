@@ -123,11 +123,11 @@ TEST(TextFilePlan, LogsContentWithoutBracketsButKeepsThemInTheFile) {
 TEST(TextFilePlan, EncodesTheItemLayoutTheDeferredSideReads) {
     TextFileActionData data;
     data.items = {{L"C:\\a|b.txt", L"C:\\x", L"line^1\nline;2", 1}, {L"C:\\c.txt", L"", L"", 0}};
-    data.snapshot = {{L"C:\\s", L""}};
+    data.snapshot = {true, {{L"\\??\\C:\\s", L""}}};
     const std::wstring encoded = EncodeTextFileActionData(data);
     EXPECT_EQ(encoded,
               L"files=00000000*atr>1^content>line^^1\nline;;2^path>C:\\a||b.txt^rbf>C:\\x;00000001*atr>0^content>^"
-              L"path>C:\\c.txt^rbf>|pfr=00000000*dst>^src>C:\\s");
+              L"path>C:\\c.txt^rbf>|pfe=1|pfr=00000000*dst>^src>\\??\\C:\\s");
     const TextFileActionData back = DecodeTextFileActionData(encoded);
     EXPECT_EQ(back.items, data.items);
     EXPECT_EQ(back.snapshot, data.snapshot);
