@@ -1,52 +1,29 @@
-import shutil
 import unittest
 
-from msipackage import TEST_TOOLS, Package, Prefix, library_lines, scratch_dir
+from machine_state import WevtutilDouble
+from msipackage import Package, Prefix, library_lines, scratch_dir
 
 ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "InstallEventManifestRollback",
            "UninstallEventManifest", "UninstallEventManifestDeferred", "UninstallEventManifestRollback")
-TOOL = "C:\\windows\\system32\\wevtutil.exe"
-DOUBLE = TEST_TOOLS / "wevtutil_double.exe"
 MANIFESTS = (("ev1", "events one.man"), ("ev2", "second.man"), ("ev3", "third.man"))
-
-
-def command(verb, path):
-    return f'"{TOOL}" {verb} "{path}"'
+command = WevtutilDouble.command
 
 
 class EventManifests(unittest.TestCase):
-    """Wine's own wevtutil.exe succeeds at everything, so the prefix gets a
-    double that records its command lines and fails on request (see
-    tests/tools/wevtutil_double.cpp), preferred over the builtin by a DLL
-    override in the environment msiexec and its custom action server inherit."""
-
     @classmethod
     def setUpClass(cls):
-        prefix = Prefix()
-        cls.tool = prefix.system_tool("wevtutil.exe")
-        cls.saved_tool = scratch_dir("wevtutil-original") / "wevtutil.exe"
-        shutil.copyfile(cls.tool, cls.saved_tool)
-        shutil.copyfile(DOUBLE, cls.tool)
+        cls.double = WevtutilDouble(Prefix(), scratch_dir("wevtutil-original")).install()
 
     @classmethod
     def tearDownClass(cls):
-        shutil.copyfile(cls.saved_tool, cls.tool)
+        cls.double.restore()
 
     def setUp(self):
         self.prefix = Prefix()
-        self.prefix.env["WINEDLLOVERRIDES"] = self.prefix.env["WINEDLLOVERRIDES"] + ";wevtutil.exe=n"
+        self.double.use_in(self.prefix)
         self.work = scratch_dir(self.id().split(".")[-1])
-        self.double = self.prefix.host_path("C:\\wevtutil-double")
-        shutil.rmtree(self.double, ignore_errors=True)
-        self.double.mkdir()
-
-    def fail_when(self, *rules):
-        """Exit codes of the double: (text in the command line, code), first match wins."""
-        (self.double / "rules.txt").write_text("".join(f"{text}\t{code}\n" for text, code in rules))
-
-    def calls(self):
-        path = self.double / "calls.txt"
-        return path.read_text(encoding="utf-8").splitlines() if path.exists() else []
+        self.fail_when = self.double.fail_when
+        self.calls = self.double.calls
 
     def make(self, rows=None):
         """Three manifests installed with one component; rows default to one per manifest."""
@@ -82,14 +59,14 @@ class EventManifests(unittest.TestCase):
 
         # A repair reinstalls the component: unregistered before its files are
         # replaced, registered again after.
-        (self.double / "calls.txt").unlink()
+        self.double.calls_path.unlink()
         code, log = self.run_msiexec(package, "/i", "REINSTALL=ALL", "REINSTALLMODE=vomus", log="repair.log")
         self.assertEqual(code, 0, log[-4000:])
         self.assertEqual(self.calls(), [command("um", p) for p in self.paths] + [command("im", p) for p in self.paths])
         self.assertIn(f"Need to install event log manifest '{self.paths[1]}'. Component 'Manifests' to do 3.",
                       library_lines(log, "InstallEventManifest"))
 
-        (self.double / "calls.txt").unlink()
+        self.double.calls_path.unlink()
         code, log = self.run_msiexec(package, "/x", log="uninstall.log")
         self.assertEqual(code, 0, log[-4000:])
         self.assertEqual(self.calls(), [command("um", p) for p in self.paths])
@@ -117,7 +94,7 @@ class EventManifests(unittest.TestCase):
         package = self.make().fail_at(3495, 'REMOVE="ALL"')  # after the unregistration is scheduled
         code, log = self.run_msiexec(package, "/i", log="install.log")
         self.assertEqual(code, 0, log[-4000:])
-        (self.double / "calls.txt").unlink()
+        self.double.calls_path.unlink()
         self.fail_when((command("im", self.paths[0]), 3))
         code, log = self.run_msiexec(package, "/x", log="uninstall.log")
         self.assertEqual(code, 1603, log[-4000:])
@@ -127,7 +104,7 @@ class EventManifests(unittest.TestCase):
 
     def test_missing_tool_skips_both_actions_and_schedules_nothing(self):
         package = self.make()
-        self.tool.unlink()
+        self.double.tool.unlink()
         try:
             code, log = self.run_msiexec(package, "/i", log="install.log")
             self.assertEqual(code, 0, log[-4000:])
@@ -140,7 +117,7 @@ class EventManifests(unittest.TestCase):
             self.assertEqual(code, 0, log[-4000:])
             self.assertNotIn("UninstallEventManifestDeferred", log)
         finally:
-            shutil.copyfile(DOUBLE, self.tool)
+            self.double.install()
         self.assertEqual(self.calls(), [])
 
     def test_empty_file_or_component_fails_the_install(self):

@@ -1,0 +1,218 @@
+"""The whole machine state an action family can touch, recorded before an
+install and compared after it: what the fault-injection tests prove exact.
+
+Recorded:
+- every file and folder under the watched folders: bytes, size, last-write
+  time (nanoseconds), permission bits (Wine's read-only attribute) and
+  extended attributes (Wine's other DOS attributes); a folder's own times are
+  left out: they change whenever an entry comes and goes, on Windows as here;
+- the restart-time rename list exactly as `reg export` renders it (every byte
+  of a REG_MULTI_SZ in hex), including its absence;
+- the registry values under the watched keys, as exported;
+- the event manifests registered, as the recording wevtutil double saw them.
+"""
+
+import hashlib
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import time
+from pathlib import Path
+
+from msipackage import BUILD, TEST_TOOLS, read_log
+
+SESSION_MANAGER = r"HKLM\SYSTEM\CurrentControlSet\Control\Session Manager"
+RENAMES = "PendingFileRenameOperations"
+
+
+def export_key(prefix, key):
+    """The `reg export` text of `key` (continuation lines joined), or None when absent."""
+    work = Path(tempfile.mkdtemp(prefix="reg-", dir=BUILD))
+    try:
+        out = work / "key.reg"
+        prefix.wine("reg", "export", key, prefix.windows_path(out), "/y")
+        if not out.exists():
+            return None
+        return read_log(out).replace("\\\r\n", "").replace("\\\n", "")
+    finally:
+        shutil.rmtree(work, ignore_errors=True)
+
+
+def rename_value(prefix):
+    """The rename list's exported line (type and every byte), or None when there is no value."""
+    text = export_key(prefix, SESSION_MANAGER) or ""
+    match = re.search(r'^"' + RENAMES + r'"=(.*)$', text, re.M)
+    return match.group(1).replace(" ", "") if match else None
+
+
+def utf16_hex(strings, closing=True):
+    """hex(7) data for a list of strings, each with its NUL, plus the list's closing NUL."""
+    data = b"".join(s.encode("utf-16-le") + b"\0\0" for s in strings) + (b"\0\0" if closing else b"")
+    return data
+
+
+def set_rename_value(prefix, data, type_code=7):
+    """Puts raw bytes of the given registry type into the rename list (None removes it)."""
+    if data is None:
+        prefix.clear_pending_renames()
+        return
+    body = ",".join(f"{b:02x}" for b in data)
+    text = ("Windows Registry Editor Version 5.00\r\n\r\n"
+            f"[{SESSION_MANAGER.replace('HKLM', 'HKEY_LOCAL_MACHINE')}]\r\n"
+            f'"{RENAMES}"=hex({type_code:x}):{body}\r\n')
+    work = Path(tempfile.mkdtemp(prefix="reg-", dir=BUILD))
+    try:
+        path = work / "set.reg"
+        path.write_bytes(b"\xff\xfe" + text.encode("utf-16-le"))
+        prefix.clear_pending_renames()
+        result = prefix.wine("reg", "import", prefix.windows_path(path))
+        assert result.returncode == 0, result.stderr
+    finally:
+        shutil.rmtree(work, ignore_errors=True)
+
+
+def file_state(path):
+    st = path.lstat()
+    try:
+        xattrs = {name: os.getxattr(path, name, follow_symlinks=False)
+                  for name in os.listxattr(path, follow_symlinks=False)}
+    except OSError:
+        xattrs = {}
+    if path.is_symlink():
+        return ("link", os.readlink(path), xattrs)
+    if path.is_dir():
+        return ("dir", st.st_mode & 0o777, xattrs)
+    digest = hashlib.sha256(path.read_bytes()).hexdigest()
+    return ("file", st.st_size, digest, st.st_mtime_ns, st.st_mode & 0o777, xattrs)
+
+
+class Manifests:
+    """The manifests registered as far as the recording wevtutil double knows:
+    replays its "im"/"um" calls over the set registered before."""
+
+    def __init__(self, calls_path):
+        self.calls_path = Path(calls_path)
+
+    def registered(self, before=frozenset()):
+        registered = set(before)
+        if self.calls_path.exists():
+            for line in self.calls_path.read_text(encoding="utf-8").splitlines():
+                match = re.match(r'^"[^"]*" (im|um) "(.*)"$', line)
+                if match:
+                    (registered.add if match.group(1) == "im" else registered.discard)(match.group(2))
+        return frozenset(registered)
+
+
+class MachineState:
+    def __init__(self, prefix, folders=(), registry_keys=(), manifests=None):
+        self.prefix = prefix
+        self.folders = [Path(f) for f in folders]
+        self.registry_keys = list(registry_keys)
+        self.manifests = manifests
+
+    def capture(self):
+        files = {}
+        for folder in self.folders:
+            if not folder.exists():
+                files[str(folder)] = None
+                continue
+            files[str(folder)] = file_state(folder)[:1]
+            for path in sorted(folder.rglob("*")):
+                files[str(path)] = file_state(path)
+        state = {"files": files, "renames": rename_value(self.prefix)}
+        for key in self.registry_keys:
+            state["registry " + key] = export_key(self.prefix, key)
+        if self.manifests is not None:
+            state["manifests"] = sorted(self.manifests.registered())
+        return state
+
+
+def differences(before, after):
+    """Readable lines for every difference between two captures."""
+    lines = []
+    for part in sorted(set(before) | set(after)):
+        a, b = before.get(part), after.get(part)
+        if part == "files":
+            for path in sorted(set(a) | set(b)):
+                if a.get(path) != b.get(path):
+                    lines.append(f"{path}: {a.get(path, 'absent')} -> {b.get(path, 'absent')}")
+        elif a != b:
+            lines.append(f"{part}: {a!r} -> {b!r}")
+    return lines
+
+
+class HeldFile:
+    """A file held open by another program (tests/tools/hold_file.cpp) for the
+    duration of a `with` block: share "none" or "read"."""
+
+    def __init__(self, prefix, windows_path, share):
+        self.prefix, self.path, self.share = prefix, windows_path, share
+        self.signal = prefix.host_path("C:\\hold-signal")
+
+    def __enter__(self):
+        shutil.rmtree(self.signal, ignore_errors=True)
+        self.signal.mkdir(parents=True)
+        self.process = subprocess.Popen(
+            ["wine", str(TEST_TOOLS / "hold_file.exe"), self.path, self.share, "C:\\hold-signal"],
+            env=self.prefix.env, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        deadline = time.monotonic() + 60
+        while not (self.signal / "ready").exists():
+            if self.process.poll() is not None or time.monotonic() > deadline:
+                raise RuntimeError(f"hold_file.exe could not hold {self.path} (exit {self.process.poll()})")
+            time.sleep(0.05)
+        return self
+
+    def __exit__(self, *exc):
+        (self.signal / "release").write_bytes(b"")
+        try:
+            self.process.wait(timeout=60)
+        finally:
+            shutil.rmtree(self.signal, ignore_errors=True)
+        return False
+
+
+class WevtutilDouble:
+    """Wine's own wevtutil.exe succeeds at everything, so the prefix gets a
+    double that records its command lines and fails on request (see
+    tests/tools/wevtutil_double.cpp), preferred over the builtin by a DLL
+    override in the environment msiexec and its custom action server inherit.
+    It goes where the DLL's process looks for system32 (syswow64 for the
+    32-bit DLL)."""
+
+    TOOL = "C:\\windows\\system32\\wevtutil.exe"
+
+    def __init__(self, prefix, saved_dir):
+        self.prefix = prefix
+        self.tool = prefix.system_tool("wevtutil.exe")
+        self.saved = Path(saved_dir) / "wevtutil.exe"
+        self.folder = prefix.host_path("C:\\wevtutil-double")
+        self.calls_path = self.folder / "calls.txt"
+
+    def install(self):
+        self.saved.parent.mkdir(parents=True, exist_ok=True)
+        if not self.saved.exists():
+            shutil.copyfile(self.tool, self.saved)
+        shutil.copyfile(TEST_TOOLS / "wevtutil_double.exe", self.tool)
+        return self
+
+    def restore(self):
+        shutil.copyfile(self.saved, self.tool)
+
+    def use_in(self, prefix):
+        """Prefers the double in `prefix`'s environment and starts with no calls and no rules."""
+        prefix.env["WINEDLLOVERRIDES"] = prefix.env.get("WINEDLLOVERRIDES", "") + ";wevtutil.exe=n"
+        shutil.rmtree(self.folder, ignore_errors=True)
+        self.folder.mkdir(parents=True)
+
+    def fail_when(self, *rules):
+        """Exit codes of the double: (text in the command line, code), first match wins."""
+        (self.folder / "rules.txt").write_text("".join(f"{text}\t{code}\n" for text, code in rules))
+
+    def calls(self):
+        return self.calls_path.read_text(encoding="utf-8").splitlines() if self.calls_path.exists() else []
+
+    @classmethod
+    def command(cls, verb, path):
+        return f'"{cls.TOOL}" {verb} "{path}"'
