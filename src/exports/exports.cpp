@@ -8,7 +8,7 @@
 
 // One exported action: runs setup::<name> in the frame with its installer error.
 #define UTILS_ACTION(name, error)                                                         \
-    extern "C" UINT __stdcall name(MSIHANDLE hInstall) {                                  \
+    extern "C" UINT __stdcall name(MSIHANDLE hInstall) noexcept {                                \
         return setup::RunAction(hInstall, #name, setup::ActionError::error, &setup::name); \
     }
 

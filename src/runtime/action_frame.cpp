@@ -8,33 +8,60 @@
 
 namespace setup {
 
-UINT RunAction(MSIHANDLE hInstall, const char* name, ActionError error, const ActionWork& work) {
-    CaInitialize(hInstall, name);
-    LogInfo(L"%s initialized.", name);
-    UINT result = ERROR_SUCCESS;
+namespace {
+
+// The action's work and its failures, turned into the installer's result code.
+UINT RunWork(MSIHANDLE hInstall, ActionError error, const ActionWork& work) {
     const int errorNumber = static_cast<int>(error);
     try {
         Session session(hInstall);
         work(session);
+        return ERROR_SUCCESS;
     } catch (const InstallCanceledException& e) {
-        result = ERROR_INSTALL_USEREXIT;
         LogInfo(L"%s Error 0x%x.", e.Message(), e.Code());
+        return ERROR_INSTALL_USEREXIT;
     } catch (const Exception& e) {
-        result = ERROR_INSTALL_FAILURE;
         LogInfo(L"%s Error 0x%x.", e.Message(), e.Code());
         if (errorNumber != 0) CaErrorMessage(errorNumber, e.Code(), kInstallMessageError, {e.UserMessage()});
     } catch (const std::bad_alloc&) {
-        result = ERROR_INSTALL_FAILURE;
         LogInfo(L"Bad allocation error.");
         if (errorNumber != 0) CaErrorMessage(errorNumber, kFail, kInstallMessageError, {});
     } catch (...) {
-        result = ERROR_INSTALL_FAILURE;
         LogInfo(L"Unknown exception.");
         if (errorNumber != 0) CaErrorMessage(errorNumber, kFail, kInstallMessageError, {});
     }
-    LogInfo(L"%s: finished. Return value %d.", name, result);
-    FlushLog();
-    return CaFinalize(result);
+    return ERROR_INSTALL_FAILURE;
+}
+
+// The last word when even logging failed (out of memory): a fixed text that
+// needs no allocation of ours, and nothing that can throw.
+void LogLastResort(MSIHANDLE hInstall, const char* name) noexcept {
+    const MSIHANDLE record = ::MsiCreateRecord(2);
+    if (record == 0) return;
+    ::MsiRecordSetStringA(record, 0, "[1]: failed before it could report why (out of memory). Return value 1603.");
+    ::MsiRecordSetStringA(record, 1, name);
+    ::MsiProcessMessage(hInstall, INSTALLMESSAGE_INFO, record);
+    ::MsiCloseHandle(record);
+}
+
+}  // namespace
+
+UINT RunAction(MSIHANDLE hInstall, const char* name, ActionError error, const ActionWork& work) noexcept {
+    // Initialisation, work and finalisation all sit inside this one handler:
+    // nothing escapes into the installer's custom-action server.
+    try {
+        CaInitialize(hInstall, name);
+        LogInfo(L"%s initialized.", name);
+        const UINT result = RunWork(hInstall, error, work);
+        LogInfo(L"%s: finished. Return value %d.", name, result);
+        FlushLog();
+        return CaFinalize(result);
+    } catch (...) {
+        DiscardLog();
+        LogLastResort(hInstall, name);
+        CaFinalize(ERROR_INSTALL_FAILURE);
+        return ERROR_INSTALL_FAILURE;
+    }
 }
 
 }  // namespace setup

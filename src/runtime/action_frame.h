@@ -6,6 +6,8 @@
 // This is the one place that catches: a cancel returns 1602 (no dialog), a
 // setup::Exception returns 1603 and shows the action's installer error, and
 // anything else is logged as "Bad allocation error." or "Unknown exception.".
+// Nothing escapes: a failure in initialisation or in logging itself (out of
+// memory) still returns 1603, after a last fixed log line.
 // A cancel seen anywhere during the call makes the result 1602 even when the
 // work completed.
 
@@ -26,6 +28,6 @@ enum class ActionError : int {
 
 using ActionWork = std::function<void(Session& session)>;
 
-UINT RunAction(MSIHANDLE hInstall, const char* name, ActionError error, const ActionWork& work);
+UINT RunAction(MSIHANDLE hInstall, const char* name, ActionError error, const ActionWork& work) noexcept;
 
 }  // namespace setup

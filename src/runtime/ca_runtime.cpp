@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "runtime/log_escape.h"
 #include "runtime/string_buffer.h"
 #include "runtime/unique_handle.h"
 
@@ -201,7 +202,7 @@ HResult CaInitialize(MSIHANDLE hInstall, const char* logName) {
     return hr;
 }
 
-UINT CaFinalize(UINT result) {
+UINT CaFinalize(UINT result) noexcept {
     if (g_state.database != 0) ::MsiCloseHandle(g_state.database);
     const UINT forced = g_state.forcedResult;
     g_state = RuntimeState{};
@@ -253,8 +254,8 @@ void CaLogText(int level, const std::wstring& text) {
     if (level != kLogStandard && !(level == kLogVerbose && VerboseLinesWanted())) return;
     g_inCaLog = true;
     std::wstring line;
-    if (g_state.logName[0] != '\0') line = Format(L"%s:  %s", g_state.logName, text);
-    else line = text;
+    if (g_state.logName[0] != '\0') line = Format(L"%s:  %s", g_state.logName, EscapeLogText(text));
+    else line = EscapeLogText(text);
     MsiHandle record(::MsiCreateRecord(1));
     if (record) {
         const std::string narrow = ToAnsi(line);

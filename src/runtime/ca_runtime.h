@@ -29,7 +29,7 @@ inline constexpr UINT kInstallMessageProgress = 0x0A000000;
 HResult CaInitialize(MSIHANDLE hInstall, const char* logName);
 // Tears the call down; returns the forced result (1602 after a cancel) when
 // one was recorded, else `result`.
-UINT CaFinalize(UINT result);
+UINT CaFinalize(UINT result) noexcept;
 
 bool CaIsInitialized();
 MSIHANDLE CaInstallHandle();

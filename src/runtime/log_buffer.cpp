@@ -28,6 +28,15 @@ void LogBuffer::Flush() {
     pendingCount_ = 0;
 }
 
+void LogBuffer::Discard() noexcept {
+    try {
+        std::lock_guard<std::mutex> guard(lock_);
+        pending_.clear();
+        pendingCount_ = 0;
+    } catch (...) {  // a lock that cannot be taken: nothing to drop safely
+    }
+}
+
 void LogBuffer::FlushLocked() {
     if (pending_.empty()) return;
     sink_(pending_);

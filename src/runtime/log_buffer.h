@@ -22,6 +22,8 @@ public:
     void SetThreshold(unsigned threshold);
     // Sends whatever is pending (nothing when empty) and resets the count.
     void Flush();
+    // Drops whatever is pending, unsent.
+    void Discard() noexcept;
 
 private:
     void FlushLocked();

@@ -2,6 +2,7 @@
 
 #include "runtime/ca_runtime.h"
 #include "runtime/log_buffer.h"
+#include "runtime/log_escape.h"
 #include "runtime/unique_handle.h"
 
 namespace setup {
@@ -32,12 +33,16 @@ void LogLine(const std::wstring& text) {
     std::wstring line = Format(L"%S (%02x:%04x) [\\[]%02i:%02i:%02i:%03i[\\]]: ", name,
                                ::GetCurrentProcessId(), ::GetCurrentThreadId(), now.wHour, now.wMinute,
                                now.wSecond, now.wMilliseconds);
-    line.append(text);
+    // The text itself is escaped too: a path or a tool's output holding
+    // brackets is logged as it is, never expanded.
+    line.append(EscapeLogText(text));
     Buffer().Append(line);
 }
 
 void SetLogBatch(unsigned threshold) { Buffer().SetThreshold(threshold); }
 
 void FlushLog() { Buffer().Flush(); }
+
+void DiscardLog() noexcept { Buffer().Discard(); }
 
 }  // namespace setup

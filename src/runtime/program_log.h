@@ -25,6 +25,8 @@ void LogInfo(FormatString<Args...> format, const Args&... args) {
 // that log per file raise it to 100 and set it back to 0 when done.
 void SetLogBatch(unsigned threshold);
 void FlushLog();
+// Drops pending lines unsent (after a failure inside logging itself).
+void DiscardLog() noexcept;
 
 // The program log as a LogSink, for core code that is handed one.
 class ProgramLogSink final : public LogSink {

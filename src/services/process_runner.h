@@ -8,10 +8,14 @@
 // alone; the write end is inherited by the child and closed in this process at
 // once, so the pipe breaks when the child has exited. A reader thread drains
 // the pipe while the action's thread waits, so a child with a lot of output
-// never blocks on a full pipe. A timed-out child is not ended; the runner's
-// destruction waits for the reader thread (and so for the child to close its
-// output) before it closes the remaining handles.
+// never blocks on a full pipe. Output is logged in whole lines, however the
+// reads cut it. A timed-out child is not ended; the runner's destruction asks
+// the reader to stop and waits for it at most 5 seconds, so a child that
+// outlives the wait never blocks the action (the reader reads only what the
+// pipe holds, so it never sits in a read that would have to be cancelled).
 
+#include <atomic>
+#include <memory>
 #include <string>
 
 #include "runtime/unique_handle.h"
@@ -35,19 +39,27 @@ public:
     DWORD ProcessId() const { return processId_; }
 
 private:
+    // What the reader thread uses. The thread holds a share of it, so that a
+    // reader still running after a bounded join never touches a freed runner.
+    struct ReaderState {
+        KernelHandle readPipe;
+        KernelHandle process;
+        std::atomic<bool> stop{false};  // set for the reader after a timeout
+        void ReadOutput();
+    };
+
     void StartProcess();
-    static DWORD WINAPI ReadProcessOutput(void* runner);
-    void ReadOutput();
+    static DWORD WINAPI ReadProcessOutput(void* state);
 
     DWORD waitMilliseconds_;
     std::wstring commandLine_;
-    KernelHandle process_;
+    std::shared_ptr<ReaderState> state_ = std::make_shared<ReaderState>();
     KernelHandle thread_;
     DWORD processId_ = 0;
     DWORD threadId_ = 0;
-    KernelHandle readPipe_;
     KernelHandle writePipe_;
     KernelHandle reader_;
+    bool finished_ = false;  // the child ended within the wait
 };
 
 }  // namespace setup

@@ -43,6 +43,7 @@ class TextFiles(unittest.TestCase):
             ("L2", "[INSTALLDIR]app.ini", "version=[ProductVersion]", "Main", ""),
             ("L3", "[INSTALLDIR]app.ini", "[\\[]section[\\]]", "Main", ""),
             ("L4", "[INSTALLDIR]one.txt", "single", "Main", "1=1"),
+            ("L5", "[INSTALLDIR][\\[]ProductName[\\]] notes.txt", "n", "Main", ""),
         ])
         target = package.install_dir(self.prefix)
         code, log = self.run_msiexec(package, "/i")
@@ -50,7 +51,8 @@ class TextFiles(unittest.TestCase):
         # First row as it is, each later row followed by a line feed.
         self.assertEqual((target / "app.ini").read_bytes(), utf16(package.name + "version=1.0.0\n[section]\n"))
         self.assertEqual((target / "one.txt").read_bytes(), utf16("single"))
-        self.assertEqual(sorted(p.name for p in target.iterdir()), ["app.ini", "one.txt", "readme.txt"])
+        self.assertEqual(sorted(p.name for p in target.iterdir()),
+                         ["[ProductName] notes.txt", "app.ini", "one.txt", "readme.txt"])
         immediate = self.lines(log, "InstallTextFiles")
         win_target = "C:\\Program Files\\" + package.directory + "\\app.ini"
         self.assertIn("Need to install text line 'L1'. Component 'Main' to do 1.", immediate)
@@ -59,6 +61,9 @@ class TextFiles(unittest.TestCase):
         # The logged copy loses its brackets; the file keeps them.
         self.assertTrue(any("section\n" in line or line.endswith("section") for line in log.splitlines()), log)
         self.assertIn(f"Write to file '{win_target}'.", self.lines(log, "InstallTextFilesDeferred"))
+        # A name holding brackets is logged as it is, never expanded.
+        notes = "C:\\Program Files\\" + package.directory + "\\[ProductName] notes.txt"
+        self.assertIn(f"Write to file '{notes}'.", self.lines(log, "InstallTextFilesDeferred"))
         self.assertEqual(self.lines(log, "InstallTextFilesCommit")[-1],
                          "InstallTextFilesCommit: finished. Return value 0.")
 

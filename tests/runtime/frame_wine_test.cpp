@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <new>
 #include <cstring>
 #include <regex>
 #include <string>
@@ -10,6 +12,25 @@
 #include "runtime/exception.h"
 #include "runtime/program_log.h"
 #include "wine_support/test_package.h"
+
+// Allocation failure on demand, for the whole test program: once armed, the
+// n-th allocation from then on and every later one throw std::bad_alloc.
+namespace {
+long g_allocationsLeft = -1;  // -1: never fail
+}  // namespace
+
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"  // these are the replacements themselves
+#endif
+
+void* operator new(std::size_t size) {
+    if (g_allocationsLeft == 0) throw std::bad_alloc();
+    if (g_allocationsLeft > 0) --g_allocationsLeft;
+    if (void* p = std::malloc(size ? size : 1)) return p;
+    throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 
 namespace setup {
 namespace {
@@ -43,6 +64,24 @@ TEST_F(ActionFrameTest, WorkThatThrowsNothingReturnsZeroWithPrefixedLines) {
                                                  L"FrameOk: finished. Return value 0."}))
         << capture.AllInfo();
     EXPECT_TRUE(capture.Errors().empty());
+}
+
+TEST_F(ActionFrameTest, RunningOutOfMemoryAnywhereReturns1603AndNothingEscapes) {
+    // Every allocation the frame makes fails in turn, from the first one in
+    // initialisation on (and all after it). An exception that escaped the
+    // noexcept frame would end this test program.
+    UINT result = 1603;
+    long n = 0;
+    for (; n < 400 && result != 0; ++n) {
+        g_allocationsLeft = n;
+        result = RunAction(Session(), "FrameMemory", ActionError::TextFiles, [](setup::Session&) {
+            LogInfo(L"Work done.");
+        });
+        g_allocationsLeft = -1;
+        ASSERT_TRUE(result == 1603u || result == 0u) << n << ": " << result;
+    }
+    EXPECT_EQ(result, 0u) << "the action never succeeded within " << n << " allocations";
+    EXPECT_GT(n, 3) << "too few allocations failed to show anything";
 }
 
 TEST_F(ActionFrameTest, FailuresBecomeResultCodesWithTheirLogLines) {

@@ -1,4 +1,5 @@
 #include "runtime/log_buffer.h"
+#include "runtime/log_escape.h"
 
 #include <gtest/gtest.h>
 
@@ -12,6 +13,12 @@
 
 namespace setup {
 namespace {
+
+TEST(LogEscape, BracketsBecomeTheInstallersEscapes) {
+    EXPECT_EQ(EscapeLogText(L"C:\\[ProductName] notes.txt"), L"C:\\[\\[]ProductName[\\]] notes.txt");
+    EXPECT_EQ(EscapeLogText(L"]["), L"[\\]][\\[]");
+    EXPECT_EQ(EscapeLogText(L"{plain} text %s"), L"{plain} text %s");
+}
 
 TEST(LogBuffer, SendsEachLineAtOnceWithTheDefaultThreshold) {
     std::vector<std::wstring> sent;

@@ -72,14 +72,20 @@ TEST(EventManifestPlan, CommandLinesQuoteToolAndManifestWithoutEscaping) {
     EXPECT_EQ(ManifestCommandLine(L"t", ManifestOperation::Unregister, L"a\"b %s [x]"), L"\"t\" um \"a\"b %s [x]\"");
 }
 
-TEST(ProcessOutput, SplitsAtCrLfAndDropsEmptyPieces) {
-    EXPECT_EQ(SplitOutputLines(L""), Lines{});
-    EXPECT_EQ(SplitOutputLines(L"\r\n\r\n"), Lines{});
-    EXPECT_EQ(SplitOutputLines(L"one\r\n\r\ntwo\r\nthr"), (Lines{L"one", L"two", L"thr"}));
-    // Only the pair separates: a lone CR or LF stays in its piece, and a pair
-    // cut by a read boundary leaves its halves at the ends of the pieces.
-    EXPECT_EQ(SplitOutputLines(L"a\nb\rc\r"), (Lines{L"a\nb\rc\r"}));
-    EXPECT_EQ(SplitOutputLines(L"\nnext\r\n"), (Lines{L"\nnext"}));
+TEST(ProcessOutput, LinesCutByReadBoundariesComeOutWhole) {
+    using Bytes = std::vector<std::string>;
+    const std::string stream = "one\r\n\r\ntwo a\nb\rc\r\nthree\r\ntail";
+    // Every way of cutting the stream into two reads gives the same lines.
+    for (std::size_t cut = 0; cut <= stream.size(); ++cut) {
+        OutputLineSplitter split;
+        Bytes lines = split.Push(std::string_view(stream).substr(0, cut));
+        for (auto& line : split.Push(std::string_view(stream).substr(cut))) lines.push_back(line);
+        for (auto& line : split.Finish()) lines.push_back(line);
+        EXPECT_EQ(lines, (Bytes{"one", "two a\nb\rc", "three", "tail"})) << cut;
+    }
+    OutputLineSplitter split;
+    EXPECT_EQ(split.Push("\r\n\r\n"), Bytes{});
+    EXPECT_EQ(split.Finish(), Bytes{});
 }
 
 }  // namespace
