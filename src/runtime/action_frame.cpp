@@ -1,6 +1,7 @@
 #include "runtime/action_frame.h"
 
-#include <new>
+#include <string>
+#include <vector>
 
 #include "runtime/ca_runtime.h"
 #include "runtime/exception.h"
@@ -12,25 +13,22 @@ namespace {
 
 // The action's work and its failures, turned into the installer's result code.
 UINT RunWork(MSIHANDLE hInstall, ActionError error, const ActionWork& work) {
-    const int errorNumber = static_cast<int>(error);
     try {
         Session session(hInstall);
         work(session);
         return ERROR_SUCCESS;
-    } catch (const InstallCanceledException& e) {
-        LogInfo(L"%s Error 0x%x.", e.Message(), e.Code());
-        return ERROR_INSTALL_USEREXIT;
-    } catch (const Exception& e) {
-        LogInfo(L"%s Error 0x%x.", e.Message(), e.Code());
-        if (errorNumber != 0) CaErrorMessage(errorNumber, e.Code(), kInstallMessageError, {e.UserMessage()});
-    } catch (const std::bad_alloc&) {
-        LogInfo(L"Bad allocation error.");
-        if (errorNumber != 0) CaErrorMessage(errorNumber, kFail, kInstallMessageError, {});
     } catch (...) {
-        LogInfo(L"Unknown exception.");
-        if (errorNumber != 0) CaErrorMessage(errorNumber, kFail, kInstallMessageError, {});
+        const CaughtFailure failure = CurrentFailure();
+        LogInfo(L"%s", failure.logText);
+        if (failure.kind == CaughtFailure::Kind::Canceled) return ERROR_INSTALL_USEREXIT;
+        const int errorNumber = static_cast<int>(error);
+        if (errorNumber != 0) {
+            std::vector<std::wstring> texts;
+            if (failure.kind == CaughtFailure::Kind::Failure) texts.push_back(failure.userMessage);
+            CaErrorMessage(errorNumber, failure.code, kInstallMessageError, texts);
+        }
+        return ERROR_INSTALL_FAILURE;
     }
-    return ERROR_INSTALL_FAILURE;
 }
 
 // The last word when even logging failed (out of memory): a fixed text that

@@ -211,7 +211,6 @@ UINT CaFinalize(UINT result) noexcept {
 
 bool CaIsInitialized() { return g_state.initialized; }
 MSIHANDLE CaInstallHandle() { return g_state.install; }
-MSIHANDLE CaDatabaseHandle() { return g_state.database; }
 std::string CaLogName() { return g_state.logName; }
 
 bool CaIsVerbose() {

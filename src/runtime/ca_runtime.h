@@ -33,7 +33,6 @@ UINT CaFinalize(UINT result) noexcept;
 
 bool CaIsInitialized();
 MSIHANDLE CaInstallHandle();
-MSIHANDLE CaDatabaseHandle();
 std::string CaLogName();
 
 // The verbose decision, made once per process (LOGVERBOSE, MsiLogging, then

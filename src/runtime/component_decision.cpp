@@ -4,7 +4,9 @@ namespace setup {
 
 namespace {
 
-bool InstalledHere(int installed) { return installed == 3 || installed == 4; }
+using namespace install_state;
+
+bool InstalledHere(int installed) { return installed == Local || installed == Source; }
 
 bool Accepts(const DecisionRule& rule, ComponentTask task) {
     switch (task) {
@@ -20,15 +22,10 @@ bool Accepts(const DecisionRule& rule, ComponentTask task) {
 ComponentTask ClassifyComponent(const ComponentState& state) {
     const int a = state.action;
     const int i = state.installed;
-    if ((a == 3 || a == 4 || a == 5) && InstalledHere(i)) return ComponentTask::Reinstall;
-    if ((a == 1 || a == 2) && InstalledHere(i)) return ComponentTask::Uninstall;
-    if (a == 3 || a == 4) return ComponentTask::Install;
+    if ((a == Local || a == Source || a == Default) && InstalledHere(i)) return ComponentTask::Reinstall;
+    if ((a == Removed || a == Absent) && InstalledHere(i)) return ComponentTask::Uninstall;
+    if (a == Local || a == Source) return ComponentTask::Install;
     return ComponentTask::None;
-}
-
-ComponentTask GetComponentTask(ComponentStates& states, std::wstring_view component) {
-    const std::optional<ComponentState> state = states.State(component);
-    return state ? ClassifyComponent(*state) : ComponentTask::None;
 }
 
 Decision DecideRow(ComponentStates& states, const DecisionRule& rule, std::wstring_view component,
@@ -42,7 +39,7 @@ Decision DecideRow(ComponentStates& states, const DecisionRule& rule, std::wstri
         d.verdict = Verdict::NullAction;
     } else if (!Accepts(rule, d.task)) {
         d.verdict = Verdict::NotMarked;
-    } else if (rule.skipFileAbsent && InstalledHere(d.state.installed) && d.state.action == 1) {
+    } else if (rule.skipFileAbsent && InstalledHere(d.state.installed) && d.state.action == Removed) {
         d.verdict = Verdict::FileAbsent;
     } else if (rule.evaluateCondition &&
                ((d.condition = states.EvaluateCondition(condition)) == kConditionFalse ||
@@ -53,28 +50,6 @@ Decision DecideRow(ComponentStates& states, const DecisionRule& rule, std::wstri
     }
     log.Line(text(d));
     return d;
-}
-
-std::wstring StandardInstallText(const Decision& d, std::wstring_view key) {
-    switch (d.verdict) {
-    case Verdict::NullAction: return Format(L"Skip installation of cab '%s' for null-action component.", key);
-    case Verdict::ConditionFailed:
-        return Format(L"Skip installation of '%s' cab. Condition is '%d'.", key, d.condition);
-    case Verdict::Chosen:
-        return Format(L"Need to install '%s' cab. Component to do %d.", key, static_cast<int>(d.task));
-    default: return Format(L"Skip installation of '%s' cab. Component is not marked to install.", key);
-    }
-}
-
-std::wstring StandardUninstallText(const Decision& d, std::wstring_view key) {
-    switch (d.verdict) {
-    case Verdict::NullAction: return Format(L"Skip uninstallation of cab for null-action component '%s'.", key);
-    case Verdict::FileAbsent:
-        return Format(L"Skip uninstallation of '%s' cab. Component action is FileAbsent.", key);
-    case Verdict::Chosen:
-        return Format(L"Need to uninstall '%s' cab. Component to do %d.", key, static_cast<int>(d.task));
-    default: return Format(L"Skip uninstallation of '%s' cab. Component is not marked to uninstall.", key);
-    }
 }
 
 }  // namespace setup

@@ -16,10 +16,23 @@
 
 namespace setup {
 
-// Installer states as MsiGetComponentStateW reports them.
+// Installer states as MsiGetComponentStateW reports them (INSTALLSTATE_*);
+// other values the installer may report are kept as they are.
+namespace install_state {
+enum : int {
+    Unknown = -1,
+    Advertised = 1,  // as an installed state
+    Removed = 1,     // as an action: the component's files go ("FileAbsent")
+    Absent = 2,
+    Local = 3,
+    Source = 4,
+    Default = 5,
+};
+}  // namespace install_state
+
 struct ComponentState {
-    int installed = -1;  // -1 unknown, 1 advertised, 2 absent, 3 local, 4 source, 5 default
-    int action = -1;     // the same values; 1 means removed ("FileAbsent")
+    int installed = install_state::Unknown;
+    int action = install_state::Unknown;
 };
 
 enum class ComponentTask : int { None = 0, Install = 1, Uninstall = 2, Reinstall = 3 };
@@ -41,9 +54,6 @@ public:
     virtual std::optional<ComponentState> State(std::wstring_view component) = 0;
     virtual int EvaluateCondition(std::wstring_view condition) = 0;
 };
-
-// None when the state query fails.
-ComponentTask GetComponentTask(ComponentStates& states, std::wstring_view component);
 
 enum class Verdict {
     NullAction,      // task None: nothing happens to the component
@@ -70,9 +80,10 @@ struct DecisionRule {
 };
 
 // Install-time work: install or reinstall, row condition evaluated.
-inline constexpr DecisionRule kStandardInstall{true, false, true, true, false};
+inline constexpr DecisionRule kStandardInstall{
+    .acceptInstall = true, .acceptReinstall = true, .evaluateCondition = true};
 // Uninstall-time work: uninstall only, no condition, FileAbsent skipped.
-inline constexpr DecisionRule kStandardUninstall{false, true, false, false, true};
+inline constexpr DecisionRule kStandardUninstall{.acceptUninstall = true, .skipFileAbsent = true};
 
 // The log line for a decision; each feature words its own.
 using DecisionText = std::function<std::wstring(const Decision&)>;
@@ -80,9 +91,5 @@ using DecisionText = std::function<std::wstring(const Decision&)>;
 // Decides one row and logs the feature's text for the verdict.
 Decision DecideRow(ComponentStates& states, const DecisionRule& rule, std::wstring_view component,
                    std::wstring_view condition, const DecisionText& text, LogSink& log);
-
-// The reference texts of the standard decisions (cabinet rows).
-std::wstring StandardInstallText(const Decision& decision, std::wstring_view key);
-std::wstring StandardUninstallText(const Decision& decision, std::wstring_view key);
 
 }  // namespace setup

@@ -1,5 +1,7 @@
 #include "runtime/database.h"
 
+#include "runtime/program_log.h"
+
 #include "runtime/string_buffer.h"
 #include "runtime/throw.h"
 
@@ -39,10 +41,6 @@ int Record::GetInteger(unsigned field) const {
     return ::MsiRecordGetInteger(Get(), field);
 }
 
-bool Record::IsNull(unsigned field) const {
-    CheckField(field);
-    return ::MsiRecordIsNull(Get(), field) != FALSE;
-}
 
 void Record::SetString(unsigned field, std::wstring_view text) {
     CheckField(field);
@@ -51,10 +49,6 @@ void Record::SetString(unsigned field, std::wstring_view text) {
                     L"Failed to sets a record field to a string field.");
 }
 
-void Record::SetInteger(unsigned field, int value) {
-    CheckField(field);
-    ThrowIfMsiError(::MsiRecordSetInteger(Get(), field, value), L"Failed to sets a record field to an integer.");
-}
 
 void View::Execute() {
     ThrowIfMsiError(::MsiViewExecute(Get(), 0), L"Failed to execute a SQL view query.");
@@ -91,6 +85,16 @@ void Database::ForEachRow(std::wstring_view query, const std::function<void(cons
     while (const std::optional<Record> record = view.Fetch()) row(*record);
 }
 
+bool Database::ForEachRowOfTable(std::wstring_view table, std::wstring_view query,
+                                 const std::function<void(const Record&)>& row) const {
+    if (!TableExists(table)) {
+        LogInfo(L"There is no '%s' table.", table);
+        return false;
+    }
+    ForEachRow(query, row);
+    return true;
+}
+
 bool Database::TableExists(std::wstring_view table) const {
     const std::wstring name(table);
     MsiHandle keys;
@@ -100,40 +104,5 @@ bool Database::TableExists(std::wstring_view table) const {
     return true;
 }
 
-void Database::AddTempRecord(std::wstring_view table, const std::vector<FieldValue>& values) const {
-    View view = OpenView(L"SELECT * FROM `" + std::wstring(table) + L"`");
-    view.Execute();
-    MSIHANDLE typesHandle = 0;
-    ThrowIfMsiError(::MsiViewGetColumnInfo(view.Get(), MSICOLINFO_TYPES, &typesHandle),
-                    L"Failed to read the columns of table " + std::wstring(table));
-    const Record types(typesHandle);
-    const unsigned columns = types.FieldCount();
-    if (values.size() > columns) Throw(kInvalidArgument, L"Too many values for table " + std::wstring(table));
-
-    Record row = Record::Create(columns);
-    for (unsigned i = 0; i < values.size(); ++i) {
-        const unsigned field = i + 1;
-        const std::wstring type = types.GetString(field);
-        const bool integerColumn = !type.empty() && (type[0] == L'i' || type[0] == L'I' || type[0] == L'j' ||
-                                                     type[0] == L'J');
-        if (const auto* number = std::get_if<int>(&values[i])) {
-            if (integerColumn) row.SetInteger(field, *number);
-            else row.SetString(field, std::to_wstring(*number));
-        } else {
-            row.SetString(field, std::get<std::wstring>(values[i]));
-        }
-    }
-    const UINT valid = ::MsiViewModify(view.Get(), MSIMODIFY_VALIDATE_NEW, row.Get());
-    if (valid != ERROR_SUCCESS) {
-        // Column names are identifiers of at most 72 characters.
-        wchar_t column[128] = {};
-        DWORD size = 128;
-        ::MsiViewGetErrorW(view.Get(), column, &size);
-        Throw(FailureFromWin32(valid),
-              L"Failed to validate a temporary row of table " + std::wstring(table) + L": column '" + std::wstring(column) + L"'.");
-    }
-    ThrowIfMsiError(::MsiViewModify(view.Get(), MSIMODIFY_INSERT_TEMPORARY, row.Get()),
-                    L"Failed to insert a temporary row into table " + std::wstring(table));
-}
 
 }  // namespace setup

@@ -11,8 +11,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <variant>
-#include <vector>
 
 #include "runtime/unique_handle.h"
 
@@ -32,9 +30,7 @@ public:
     // Field numbers above FieldCount() throw "The value of an argument is outside the allowable range.".
     std::wstring GetString(unsigned field) const;       // "Failed to get string value of a record field."
     int GetInteger(unsigned field) const;                // MSI_NULL_INTEGER for an empty field
-    bool IsNull(unsigned field) const;
     void SetString(unsigned field, std::wstring_view text);  // "Failed to sets a record field to a string field."
-    void SetInteger(unsigned field, int value);
 
     MSIHANDLE Get() const { return handle_->Get(); }
 
@@ -59,9 +55,6 @@ private:
     std::shared_ptr<MsiHandle> handle_;
 };
 
-// A value for a temporary row: text or integer, in column order.
-using FieldValue = std::variant<std::wstring, int>;
-
 class Database {
 public:
     explicit Database(MSIHANDLE handle) : handle_(ShareHandle(handle)) {}
@@ -75,8 +68,11 @@ public:
     // False for a table the package lacks; other failures throw
     // "Failed to determines existing the table:" with the name.
     bool TableExists(std::wstring_view table) const;
-    // Adds a row that lives for this session only: validated, then inserted as temporary.
-    void AddTempRecord(std::wstring_view table, const std::vector<FieldValue>& values) const;
+    // The immediate actions' first step: when the package has `table`, runs
+    // `query` over it like ForEachRow and returns true; when it does not,
+    // logs "There is no '<table>' table." and returns false (not an error).
+    bool ForEachRowOfTable(std::wstring_view table, std::wstring_view query,
+                           const std::function<void(const Record&)>& row) const;
 
     MSIHANDLE Get() const { return handle_->Get(); }
 

@@ -1,6 +1,9 @@
 #include "runtime/exception.h"
 
+#include <new>
 #include <utility>
+
+#include "runtime/format.h"
 
 namespace setup {
 
@@ -8,6 +11,23 @@ Exception::Exception(HResult code, std::wstring message, std::wstring userMessag
     : code_(code), message_(std::move(message)), userMessage_(std::move(userMessage)) {
     narrow_.reserve(message_.size());
     for (const wchar_t c : message_) narrow_.push_back(c < 0x80 ? static_cast<char>(c) : '?');
+}
+
+CaughtFailure CurrentFailure() {
+    CaughtFailure failure;
+    try {
+        throw;
+    } catch (const InstallCanceledException& e) {
+        failure = {CaughtFailure::Kind::Canceled, e.Code(), Format(L"%s Error 0x%x.", e.Message(), e.Code()), {}};
+    } catch (const Exception& e) {
+        failure = {CaughtFailure::Kind::Failure, e.Code(), Format(L"%s Error 0x%x.", e.Message(), e.Code()),
+                   e.UserMessage()};
+    } catch (const std::bad_alloc&) {
+        failure = {CaughtFailure::Kind::OutOfMemory, kFail, L"Bad allocation error.", {}};
+    } catch (...) {
+        failure = {CaughtFailure::Kind::Unknown, kFail, L"Unknown exception.", {}};
+    }
+    return failure;
 }
 
 InstallCanceledException::InstallCanceledException(std::wstring message)

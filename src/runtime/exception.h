@@ -32,4 +32,15 @@ public:
     explicit InstallCanceledException(std::wstring message);
 };
 
+// What a catch-all handler caught, for the places that must not let anything
+// through (the action frame, threads of our own): call inside `catch (...)`.
+struct CaughtFailure {
+    enum class Kind { Canceled, Failure, OutOfMemory, Unknown };
+    Kind kind = Kind::Unknown;
+    HResult code = kFail;
+    std::wstring logText;      // "<message> Error 0x<hr>.", "Bad allocation error." or "Unknown exception."
+    std::wstring userMessage;  // for the installer's error dialog
+};
+CaughtFailure CurrentFailure();
+
 }  // namespace setup

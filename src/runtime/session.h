@@ -7,12 +7,9 @@
 
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 #include "runtime/component_decision.h"
 #include "runtime/database.h"
-#include "runtime/property_map.h"
 #include "runtime/win32.h"
 
 namespace setup {
@@ -24,44 +21,21 @@ public:
     // A property that is not set reads as empty text.
     std::wstring GetProperty(std::wstring_view name) const;  // "Failed to get msi property: <name>"
     void SetProperty(std::wstring_view name, std::wstring_view value) const;  // "Failed to set msi property: <name>"
-    bool IsPropertySet(std::wstring_view name) const;
-    // The deferred side's data, raw and decoded at the action-data level.
+    // The deferred side's data, as the installer hands it over.
     std::wstring CustomActionData() const { return GetProperty(L"CustomActionData"); }
-    PropertyMap ReadActionData() const;
-
-    std::wstring GetTargetPath(std::wstring_view directory) const;
-    // The key path of an installed component (MsiLocateComponentW).
-    std::wstring GetComponentPath(std::wstring_view componentGuid) const;
-    // The ComponentId of a row of the Component table.
-    std::wstring GetComponentGuid(std::wstring_view component) const;
-    // The target path of `directory` joined with `fileName`.
-    std::wstring GetPathToInstall(std::wstring_view directory, std::wstring_view fileName) const;
 
     // Resolves property references and the rest of the installer's formatting.
-    std::wstring FormatRecord(const Record& record) const;
     std::wstring FormatText(std::wstring_view text) const;
 
     // Both states preset to -1; the installer's result is returned beside them.
     UINT GetComponentState(std::wstring_view component, ComponentState& state) const;
-    // The classification of the component's states; None when the query fails.
-    ComponentTask GetComponentTask(std::wstring_view component) const;
     // MSICONDITION: 0 false, 1 true, 2 none (empty), 3 error.
     int EvaluateCondition(std::wstring_view condition) const;
-
-    // Advances the progress bar; throws InstallCanceledException once a cancel was seen.
-    void Progress(int ticks) const;
 
     // Hands `data` to the deferred action `action` and asks the installer to run it.
     void ScheduleDeferred(std::wstring_view action, std::wstring_view data) const;
 
     Database ActiveDatabase() const { return Database::Active(install_); }
-
-    void AddRemoveFileRow(std::wstring_view fileKey, std::wstring_view component, std::wstring_view fileName,
-                          std::wstring_view directoryProperty, int installMode) const;
-    // "ID_" followed by 32 upper-case hexadecimal digits of a fresh UUID.
-    static std::wstring GenerateId();
-    // Names of the files in `directory` that match `pattern` (no recursion).
-    static std::vector<std::wstring> FindFileInDirectory(std::wstring_view directory, std::wstring_view pattern);
 
     MSIHANDLE Get() const { return install_; }
 

@@ -18,3 +18,15 @@
 #include <windows.h>
 #include <msi.h>
 #include <msiquery.h>
+
+namespace setup {
+
+// A function of `module` looked up at run time as the type `Fn`; null when the
+// module lacks it (an older system). The one place that casts a FARPROC.
+template <class Fn>
+Fn GetProcedure(HMODULE module, const char* name) {
+    if (module == nullptr) return nullptr;
+    return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
+}
+
+}  // namespace setup

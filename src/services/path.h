@@ -12,4 +12,13 @@ std::wstring DirectoryOf(std::wstring_view path);
 // already ends in a separator, or when either part is empty.
 std::wstring JoinPath(std::wstring_view directory, std::wstring_view name);
 
+// Why the library refuses to write, move or delete `path`, or empty when it
+// may. A path must be absolute: a drive ("C:\\..." or "C:/...") or a UNC share
+// ("\\\\server\\share\\..."), also in the "\\\\?\\" forms; a relative path would
+// land wherever the installer's current folder happens to be. A double
+// quote, '<', '>', '|', '*', '?' (after any "\\\\?\\" prefix) or a control
+// character can never be part of a Windows path: such a path is malformed or
+// an attempt to smuggle arguments into a command line.
+std::wstring PathProblem(std::wstring_view path);
+
 }  // namespace setup

@@ -19,11 +19,6 @@ constexpr ULONG kObjCaseInsensitive = 0x40;
 using NtOpenMutantFn = LONG(NTAPI*)(HANDLE*, ACCESS_MASK, OBJECT_ATTRIBUTES*);
 using RtlNtStatusToDosErrorFn = ULONG(NTAPI*)(LONG);
 
-template <class Fn>
-Fn Lookup(HMODULE module, const char* name) {
-    return reinterpret_cast<Fn>(reinterpret_cast<void*>(::GetProcAddress(module, name)));
-}
-
 const std::wstring kValuePath = std::wstring(kSessionManagerKey) + L"\\" + kPendingRenamesValue;
 
 }  // namespace
@@ -32,7 +27,7 @@ PendingRenameMutex PendingRenameMutex::Open() {
     PendingRenameMutex mutex;
     ModuleHandle ntdll(::LoadLibraryW(L"ntdll.dll"));
     ThrowLastErrorIf(!ntdll, L"Failed to load ntdll.dll.");
-    const auto open = Lookup<NtOpenMutantFn>(ntdll.Get(), "NtOpenMutant");
+    const auto open = GetProcedure<NtOpenMutantFn>(ntdll.Get(), "NtOpenMutant");
     ThrowLastErrorIf(open == nullptr, L"Failed to get NtOpenMutant from ntdll.dll.");
 
     UNICODE_STRING name;
@@ -48,7 +43,7 @@ PendingRenameMutex PendingRenameMutex::Open() {
         mutex.handle_.Reset(handle);
         return mutex;
     }
-    const auto toDos = Lookup<RtlNtStatusToDosErrorFn>(ntdll.Get(), "RtlNtStatusToDosError");
+    const auto toDos = GetProcedure<RtlNtStatusToDosErrorFn>(ntdll.Get(), "RtlNtStatusToDosError");
     const DWORD error = toDos ? toDos(status) : ERROR_GEN_FAILURE;
     const HResult hr = FailureFromWin32(error);
     if (error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND) {

@@ -123,16 +123,12 @@ DWORD WINAPI ProcessRunner::ReadProcessOutput(void* state) {
     const std::unique_ptr<std::shared_ptr<ReaderState>> share(static_cast<std::shared_ptr<ReaderState>*>(state));
     // Nothing may leave a thread: a failure is logged and ends the reading.
     try {
-        (*share)->ReadOutput();
-    } catch (const Exception& e) {
-        LogInfo(L"%s Error 0x%x.", e.Message(), e.Code());
-    } catch (const std::bad_alloc&) {
-        LogInfo(L"Bad allocation error.");
-    } catch (...) {
         try {
-            LogInfo(L"Unknown exception.");
-        } catch (...) {  // nothing is left to tell
+            (*share)->ReadOutput();
+        } catch (...) {
+            LogInfo(L"%s", CurrentFailure().logText);
         }
+    } catch (...) {  // logging itself failed: nothing is left to tell
     }
     return 0;
 }

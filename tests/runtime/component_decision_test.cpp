@@ -39,77 +39,39 @@ TEST(ComponentTask, ClassifiesEveryPairOfStates) {
                 << "installed " << i << " action " << a;
         }
     }
-    FakeStates failing;  // the query failed: none
-    EXPECT_EQ(GetComponentTask(failing, L"C"), ComponentTask::None);
 }
 
-struct DecisionCase {
-    ComponentState state;
-    int condition;
-    Verdict verdict;
-    std::wstring line;
-};
-
-void RunCases(const DecisionRule& rule, const DecisionText& text, const std::vector<DecisionCase>& cases) {
-    for (const auto& c : cases) {
+TEST(ComponentDecision, RulesPickTheirTasksConditionsAndFileAbsent) {
+    struct Case {
+        const DecisionRule& rule;
+        ComponentState state;
+        int condition;
+        Verdict verdict;
+    };
+    const Case cases[] = {
+        {kStandardInstall, {3, -1}, 1, Verdict::NullAction},
+        {kStandardInstall, {3, 2}, 1, Verdict::NotMarked},
+        {kStandardInstall, {2, 3}, 0, Verdict::ConditionFailed},
+        {kStandardInstall, {2, 3}, 3, Verdict::ConditionFailed},  // a condition that does not parse
+        {kStandardInstall, {2, 3}, 2, Verdict::Chosen},            // no condition
+        {kStandardInstall, {3, 3}, 1, Verdict::Chosen},            // reinstall
+        {kStandardUninstall, {3, 3}, 0, Verdict::NotMarked},
+        {kStandardUninstall, {3, 1}, 0, Verdict::FileAbsent},
+        {kStandardUninstall, {4, 2}, 0, Verdict::Chosen},          // the condition is not asked
+    };
+    for (const Case& c : cases) {
         FakeStates states;
         states.state = c.state;
         states.conditions[L"COND"] = c.condition;
         RecordingLogSink log;
-        const Decision d = DecideRow(states, rule, L"Comp", L"COND", text, log);
+        const Decision d = DecideRow(states, c.rule, L"Comp", L"COND", [](const Decision& x) {
+            return Format(L"verdict %d", static_cast<int>(x.verdict));
+        }, log);
         EXPECT_EQ(d.verdict, c.verdict) << c.state.installed << "," << c.state.action;
-        ASSERT_EQ(log.lines.size(), 1u);
-        EXPECT_EQ(log.lines[0], c.line);
+        EXPECT_EQ(log.lines, std::vector<std::wstring>{Format(L"verdict %d", static_cast<int>(c.verdict))});
+        EXPECT_EQ(states.evaluations, c.rule.evaluateCondition && d.verdict != Verdict::NotMarked &&
+                                              d.verdict != Verdict::NullAction ? 1 : 0);
     }
-}
-
-TEST(ComponentDecision, StandardInstallPathsAndTexts) {
-    RunCases(kStandardInstall, [](const Decision& d) { return StandardInstallText(d, L"Cab1"); },
-             {
-                 {{3, -1}, 1, Verdict::NullAction, L"Skip installation of cab 'Cab1' for null-action component."},
-                 {{3, 2}, 1, Verdict::NotMarked, L"Skip installation of 'Cab1' cab. Component is not marked to install."},
-                 {{2, 3}, 0, Verdict::ConditionFailed, L"Skip installation of 'Cab1' cab. Condition is '0'."},
-                 {{2, 3}, 3, Verdict::ConditionFailed, L"Skip installation of 'Cab1' cab. Condition is '3'."},
-                 {{2, 3}, 2, Verdict::Chosen, L"Need to install 'Cab1' cab. Component to do 1."},  // empty condition
-                 {{3, 3}, 1, Verdict::Chosen, L"Need to install 'Cab1' cab. Component to do 3."},  // reinstall
-             });
-}
-
-TEST(ComponentDecision, StandardUninstallSkipsFileAbsentAndIgnoresTheCondition) {
-    RunCases(kStandardUninstall, [](const Decision& d) { return StandardUninstallText(d, L"Cab1"); },
-             {
-                 {{2, -1}, 0, Verdict::NullAction, L"Skip uninstallation of cab for null-action component 'Cab1'."},
-                 {{3, 3}, 0, Verdict::NotMarked,
-                  L"Skip uninstallation of 'Cab1' cab. Component is not marked to uninstall."},
-                 {{3, 1}, 0, Verdict::FileAbsent, L"Skip uninstallation of 'Cab1' cab. Component action is FileAbsent."},
-                 {{4, 2}, 0, Verdict::Chosen, L"Need to uninstall 'Cab1' cab. Component to do 2."},
-             });
-    FakeStates states;
-    states.state = ComponentState{3, 2};
-    RecordingLogSink log;
-    DecideRow(states, kStandardUninstall, L"C", L"COND", [](const Decision&) { return std::wstring(); }, log);
-    EXPECT_EQ(states.evaluations, 0);  // no condition on uninstall
-}
-
-TEST(ComponentDecision, AFeatureVariantAcceptsItsOwnTasksWithItsOwnTexts) {
-    // Event manifests uninstall on uninstall and on reinstall, with their own wording.
-    const DecisionRule rule{false, true, true, false, true};
-    auto text = [](const Decision& d) -> std::wstring {
-        switch (d.verdict) {
-        case Verdict::NotMarked: return L"not marked";
-        case Verdict::FileAbsent: return L"file absent";
-        case Verdict::Chosen: return Format(L"need %d", static_cast<int>(d.task));
-        default: return L"null";
-        }
-    };
-    RunCases(rule, text,
-             {
-                 {{3, 3}, 1, Verdict::Chosen, L"need 3"},
-                 {{3, 2}, 1, Verdict::Chosen, L"need 2"},
-                 {{3, 1}, 1, Verdict::FileAbsent, L"file absent"},
-                 {{2, 3}, 1, Verdict::NotMarked, L"not marked"},
-                 {{-1, -1}, 1, Verdict::NullAction, L"null"},
-             });
 }
 
 }  // namespace

@@ -132,20 +132,6 @@ TEST_F(ActionFrameTest, ACancelReplySeenDuringTheWorkWinsOverItsSuccess) {
     EXPECT_TRUE(capture.HasInfo(L"FrameCancelReply: finished. Return value 0.")) << capture.AllInfo();
 }
 
-TEST_F(ActionFrameTest, ProgressCancelThrowsAndTheActionReturns1602) {
-    MessageCapture capture([](UINT type, const std::wstring&) {
-        return (type & 0xFF000000) == INSTALLMESSAGE_PROGRESS ? IDCANCEL : 0;
-    });
-    bool after = false;
-    const UINT result = RunAction(Session(), "FrameProgress", ActionError::None, [&](setup::Session& session) {
-        session.Progress(1);
-        after = true;
-    });
-    EXPECT_FALSE(after);
-    EXPECT_EQ(result, 1602u);
-    EXPECT_TRUE(capture.HasInfo(L"User cancelled installation. Error 0x80070642.")) << capture.AllInfo();
-}
-
 TEST_F(ActionFrameTest, ALogNameOf32CharactersFailsTheCopyButTheWorkStillRuns) {
     MessageCapture capture;
     const char* name = "ThisActionNameIsThirtyTwoChars01";  // 32 characters: no room for the terminator

@@ -86,6 +86,21 @@ TEST(PendingRenameRollback, PutsBackWhatWasThereAndWritesNothingWhenNothingIsOur
     EXPECT_TRUE(older.log.empty());
 }
 
+TEST(Path, OnlyAbsolutePathsWithoutForbiddenCharactersMayBeWritten) {
+    for (const wchar_t* good : {L"C:\\a\\b.txt", L"c:/a", L"\\\\server\\share\\f", L"\\\\?\\C:\\long\\x",
+                                L"\\\\?\\UNC\\server\\share\\x"}) {
+        EXPECT_EQ(PathProblem(good), L"") << good;
+    }
+    for (const wchar_t* relative : {L"relative.txt", L"a\\b", L"\\rooted", L"C:drive-relative", L"", L"\\\\server",
+                                    L"\\\\\\share", L"\\\\?\\relative"}) {
+        EXPECT_EQ(PathProblem(relative), L"it is not an absolute path (a drive or a network share)") << relative;
+    }
+    EXPECT_EQ(PathProblem(L"C:\\x.man\" /rf:\"C:\\evil.dll"), L"it holds '\"', which no Windows path can hold");
+    EXPECT_EQ(PathProblem(L"C:\\a|b"), L"it holds '|', which no Windows path can hold");
+    EXPECT_EQ(PathProblem(L"C:\\file.txt:stream"), L"it holds ':', which no Windows path can hold");
+    EXPECT_EQ(PathProblem(L"C:\\a\nb"), L"it holds a control character (code 10), which no Windows path can hold");
+}
+
 TEST(Path, DirectoryAndJoin) {
     EXPECT_EQ(DirectoryOf(L"C:\\a\\b.txt"), L"C:\\a");
     EXPECT_EQ(DirectoryOf(L"C:/a/b.txt"), L"C:/a");

@@ -5,11 +5,13 @@
 #include <chrono>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "runtime/action_frame.h"
 #include "runtime/exception.h"
 #include "services/file_operations.h"
+#include "services/file_write.h"
 #include "services/pending_rename_store.h"
 #include "services/services_wine_support.h"
 #include "wine_support/test_package.h"
@@ -48,12 +50,14 @@ TEST_F(PendingRenameStoreTest, ReadsAndWritesTheRealValue) {
 }
 
 TEST_F(PendingRenameStoreTest, AValueThatIsNotAListIsRefusedForASnapshotAndNeverRewritten) {
-    const std::pair<DWORD, std::wstring> cases[] = {
-        {REG_SZ, L"C:\\a\0"s},
-        {REG_MULTI_SZ, L"\\??\\C:\\theirs\0\\??\\C:\\other"s},  // no closing NULs (Wine adds one: still malformed)
-        {REG_MULTI_SZ, L"\\??\\C:\\odd\0\0"s},                  // an odd number of strings
+    const std::wstring list = L"\\??\\C:\\a\0\\??\\C:\\b\0\0"s;
+    const std::tuple<DWORD, std::wstring, std::wstring> cases[] = {
+        {REG_SZ, L"C:\\a\0"s, L"Unexpected type of registry value: "},
+        {REG_BINARY, list, L"Unexpected type of registry value: "},  // pairs, but not a REG_MULTI_SZ
+        {REG_MULTI_SZ, L"\\??\\C:\\theirs\0\\??\\C:\\other"s, L"The registry value "},  // no closing NULs
+        {REG_MULTI_SZ, L"\\??\\C:\\odd\0\0"s, L"The registry value "},                   // an odd number of strings
     };
-    for (const auto& [setType, value] : cases) {
+    for (const auto& [setType, value, message] : cases) {
         SavedPendingRenames::SetRaw(setType, value);
         std::wstring before, after;
         DWORD type = 0;
@@ -63,6 +67,7 @@ TEST_F(PendingRenameStoreTest, AValueThatIsNotAListIsRefusedForASnapshotAndNever
             ADD_FAILURE() << "no exception";
         } catch (const Exception& e) {
             EXPECT_EQ(e.Code(), static_cast<HResult>(0x8000FFFF));
+            EXPECT_EQ(e.Message().substr(0, message.size()), message);
             EXPECT_NE(e.Message().find(L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\"
                                        L"PendingFileRenameOperations"), std::wstring::npos);
         }
@@ -75,12 +80,16 @@ TEST_F(PendingRenameStoreTest, AValueThatIsNotAListIsRefusedForASnapshotAndNever
 }
 
 TEST_F(PendingRenameStoreTest, RollbackTakesBackACopyAtRestartAndDeletesOnlyTheStagingFile) {
-    const std::wstring source = dir_.File(L"src.txt"), target = dir_.File(L"dst.txt");
-    WriteBytes(source, "new");
+    const std::wstring target = dir_.File(L"dst.txt");
     WriteBytes(target, "old");
+    auto stage = [&] {
+        NewFile staged = CreateStagingFile(dir_.Path(), L"TMP");
+        staged.handle.Reset();
+        MoveFileOnReboot(staged.path, target);
+    };
     SavedPendingRenames::Remove();
     const PendingRenameSnapshot absent = TakePendingRenameSnapshot();
-    Logged([&] { CopyFileOnReboot(source, target); });
+    Logged(stage);
     const PendingRenameList ours = test::QueuedRenames();
     ASSERT_EQ(ours.size(), 2u);
     const std::wstring staged = ours[1].source;
@@ -93,7 +102,7 @@ TEST_F(PendingRenameStoreTest, RollbackTakesBackACopyAtRestartAndDeletesOnlyTheS
 
     WritePendingRenames({{L"\\??\\C:\\foreign\\before", L""}});
     const PendingRenameSnapshot snapshot = TakePendingRenameSnapshot();
-    Logged([&] { CopyFileOnReboot(source, target); });
+    Logged(stage);
     PendingRenameList after = TakePendingRenameSnapshot().entries;
     ASSERT_EQ(after.size(), 3u);
     const std::wstring staged2 = RemoveNtPrefix(after[2].source);
@@ -104,7 +113,6 @@ TEST_F(PendingRenameStoreTest, RollbackTakesBackACopyAtRestartAndDeletesOnlyTheS
     EXPECT_EQ(TakePendingRenameSnapshot().entries,
               (PendingRenameList{{L"\\??\\C:\\foreign\\before", L""}, {L"\\??\\C:\\foreign\\later", L"!\\??\\C:\\foreign\\x"}}));
     EXPECT_FALSE(FileExists(staged2));
-    EXPECT_EQ(ReadBytes(source), "new");
     EXPECT_EQ(ReadBytes(target), "old");
     for (const std::wstring& line : std::vector<std::wstring>{L"Mutex '\\PendingRenameMutex' not found. Error 0x80070002.",
                                     L"Skip lock mutex '\\PendingRenameMutex'.",
@@ -116,11 +124,11 @@ TEST_F(PendingRenameStoreTest, RollbackTakesBackACopyAtRestartAndDeletesOnlyTheS
 }
 
 // Creates "\PendingRenameMutex" at the root of the object namespace on its own
-// thread and holds it until released.
+// thread, owned by that thread (or free) until the end of the scope.
 class HeldMutex {
 public:
-    HeldMutex() {
-        thread_ = std::thread([this] {
+    explicit HeldMutex(bool owned = true) {
+        thread_ = std::thread([this, owned] {
             using NtCreateMutantFn = LONG(NTAPI*)(HANDLE*, ACCESS_MASK, OBJECT_ATTRIBUTES*, BOOLEAN);
             auto create = reinterpret_cast<NtCreateMutantFn>(
                 reinterpret_cast<void*>(::GetProcAddress(::GetModuleHandleW(L"ntdll.dll"), "NtCreateMutant")));
@@ -130,11 +138,12 @@ public:
             OBJECT_ATTRIBUTES attributes;
             InitializeObjectAttributes(&attributes, &name, 0x40, nullptr, nullptr);
             HANDLE mutex = nullptr;
-            status_ = create(&mutex, 0x1F0001, &attributes, TRUE);
+            status_ = create(&mutex, 0x1F0001, &attributes, owned ? TRUE : FALSE);
+            mutex_ = mutex;
             ::SetEvent(ready_.Get());
             ::WaitForSingleObject(release_.Get(), 60000);
             if (mutex) {
-                ::ReleaseMutex(mutex);
+                if (owned) ::ReleaseMutex(mutex);
                 ::CloseHandle(mutex);
             }
         });
@@ -145,13 +154,35 @@ public:
         thread_.join();
     }
     LONG Status() const { return status_; }
+    // True when a thread that is not the test's can take the mutex at once.
+    bool FreeForOthers() const {
+        bool free = false;
+        std::thread([&] {
+            free = ::WaitForSingleObject(mutex_, 0) == WAIT_OBJECT_0;
+            if (free) ::ReleaseMutex(mutex_);
+        }).join();
+        return free;
+    }
 
 private:
+    HANDLE mutex_ = nullptr;
     KernelHandle ready_{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     KernelHandle release_{::CreateEventW(nullptr, TRUE, FALSE, nullptr)};
     LONG status_ = -1;
     std::thread thread_;
 };
+
+TEST_F(PendingRenameStoreTest, TheMutexIsReleasedOnEveryWayOut) {
+    HeldMutex mutex(false);
+    ASSERT_GE(mutex.Status(), 0);
+    SavedPendingRenames::SetRaw(REG_SZ, L"C:\\y\0"s);  // not a list: the rollback leaves early
+    Logged([&] { RollbackPendingRenames({}, {L"C:\\y"}); });
+    EXPECT_TRUE(mutex.FreeForOthers());
+    WritePendingRenames({{L"\\??\\C:\\y", L""}});
+    Logged([&] { RollbackPendingRenames({}, {L"C:\\y"}); });
+    EXPECT_TRUE(mutex.FreeForOthers());
+    EXPECT_TRUE(test::QueuedRenames().empty());
+}
 
 TEST_F(PendingRenameStoreTest, AMutexHeldElsewhereTimesOutAfterTenSecondsWithoutWriting) {
     SavedPendingRenames::Remove();
@@ -168,38 +199,6 @@ TEST_F(PendingRenameStoreTest, AMutexHeldElsewhereTimesOutAfterTenSecondsWithout
         << capture.AllInfo();
     EXPECT_GE(waited, std::chrono::milliseconds(9900));
     EXPECT_EQ(test::QueuedRenames(), (PendingRenameList{{L"C:\\x", L"C:\\y"}}));  // nothing written unlocked
-}
-
-TEST_F(PendingRenameStoreTest, ARestartCarriesOutTheQueuedOperations) {
-    const std::wstring moved = dir_.File(L"moved.txt"), gone = dir_.File(L"gone.txt");
-    const std::wstring source = dir_.File(L"copy-src.txt"), target = dir_.File(L"copy-dst.txt");
-    WriteBytes(moved, "moved");
-    WriteBytes(gone, "gone");
-    WriteBytes(source, "fresh");
-    WriteBytes(target, "stale");
-    SavedPendingRenames::Remove();
-    Logged([&] {
-        MoveFileOnReboot(moved, dir_.File(L"arrived.txt"));
-        RemoveFileOnReboot(gone);
-        CopyFileOnReboot(source, target);
-    });
-    ASSERT_EQ(test::QueuedRenames().size(), 5u);
-
-    // wineboot -r carries out the list as a restart of the machine would.
-    STARTUPINFOW si = {};
-    si.cb = sizeof(si);
-    PROCESS_INFORMATION pi{};
-    wchar_t command[] = L"wineboot.exe -r";
-    ASSERT_TRUE(::CreateProcessW(nullptr, command, nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi));
-    KernelHandle process(pi.hProcess), thread(pi.hThread);
-    ASSERT_EQ(::WaitForSingleObject(process.Get(), 120000), WAIT_OBJECT_0);
-
-    EXPECT_FALSE(FileExists(moved));
-    EXPECT_EQ(ReadBytes(dir_.File(L"arrived.txt")), "moved");
-    EXPECT_FALSE(FileExists(gone));
-    EXPECT_EQ(ReadBytes(target), "fresh");
-    EXPECT_EQ(ReadBytes(source), "fresh");
-    EXPECT_TRUE(test::QueuedRenames().empty());
 }
 
 }  // namespace

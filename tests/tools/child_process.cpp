@@ -3,7 +3,8 @@
 //   err:<text>   <text> and CR LF to standard error
 //   raw:<text>   <text> alone to standard output
 //   blank        an empty line (CR LF) to standard output
-//   bulk:<n>     n bytes of numbered 64-byte lines to standard output
+//   bulk:<n>     n bytes of numbered 100-byte lines to standard output, in one write
+//                (so the reader's reads cut lines anywhere)
 //   sleep:<ms>   a pause
 //   exit:<code>  ends with that code (0 when absent)
 // Writes go straight to the handles, unbuffered, so each step is one write.
@@ -43,11 +44,13 @@ int main(int argc, char** argv) {
             Write(STD_OUTPUT_HANDLE, "\r\n");
         } else if (Starts(argv[i], "bulk:", &rest)) {
             const long total = std::atol(rest);
-            for (long line = 0; line * 64 < total; ++line) {
+            std::string all;
+            for (long line = 0; line * 100 < total; ++line) {
                 std::string text = "line " + std::to_string(line) + " ";
-                text.resize(62, 'x');
-                Write(STD_OUTPUT_HANDLE, text + "\r\n");
+                text.resize(98, 'x');
+                all += text + "\r\n";
             }
+            Write(STD_OUTPUT_HANDLE, all);
         } else if (Starts(argv[i], "sleep:", &rest)) {
             ::Sleep(static_cast<DWORD>(std::atol(rest)));
         } else if (Starts(argv[i], "exit:", &rest)) {

@@ -1,11 +1,13 @@
 // Stands in for the system's wevtutil.exe in end-to-end tests. Every call
 // appends its command line (UTF-8, one per line) to C:\wevtutil-double\calls.txt.
 // C:\wevtutil-double\rules.txt decides the exit code: each line is
-// "<text><TAB><code>", and the first line whose text occurs in the command
-// line gives the code; no match exits with 0.
+// "<text><TAB><code>[<TAB><bytes>]", and the first line whose text occurs in
+// the command line gives the code (and, with <bytes>, that much output first:
+// numbered 100-byte lines in one write); no match exits with 0.
 
 #include <windows.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <string>
 
@@ -32,9 +34,21 @@ int main() {
     std::string rule;
     while (std::getline(rules, rule)) {
         if (!rule.empty() && rule.back() == '\r') rule.pop_back();
-        const std::size_t tab = rule.rfind('\t');
+        const std::size_t tab = rule.find('\t');
         if (tab == std::string::npos || tab == 0) continue;
         if (commandLine.find(rule.substr(0, tab)) != std::string::npos) {
+            const std::size_t second = rule.find('\t', tab + 1);
+            if (second != std::string::npos) {
+                std::string all;
+                for (long line = 0; line * 100 < std::atol(rule.c_str() + second + 1); ++line) {
+                    std::string text = "line " + std::to_string(line) + " ";
+                    text.resize(98, 'x');
+                    all += text + "\r\n";
+                }
+                DWORD out = 0;
+                ::WriteFile(::GetStdHandle(STD_OUTPUT_HANDLE), all.data(), static_cast<DWORD>(all.size()), &out,
+                            nullptr);
+            }
             const std::string message = "wevtutil double: failing '" + commandLine + "'\r\n";
             DWORD written = 0;
             ::WriteFile(::GetStdHandle(STD_ERROR_HANDLE), message.data(), static_cast<DWORD>(message.size()),

@@ -2,9 +2,6 @@
 
 #include <stdexcept>
 
-#include <cwchar>
-
-#include <rpc.h>
 #include <wtypes.h>
 
 namespace setup::test {
@@ -77,19 +74,9 @@ TestPackage::TestPackage() : path_(dir_.File(L"test.msi")) {
         L"`Attributes` SHORT NOT NULL PRIMARY KEY `Feature`)");
     Sql(L"CREATE TABLE `FeatureComponents` (`Feature_` CHAR(38) NOT NULL, `Component_` CHAR(72) NOT NULL "
         L"PRIMARY KEY `Feature_`, `Component_`)");
-    Sql(L"CREATE TABLE `RemoveFile` (`FileKey` CHAR(72) NOT NULL, `Component_` CHAR(72) NOT NULL, "
-        L"`FileName` CHAR(255) LOCALIZABLE, `DirProperty` CHAR(72) NOT NULL, `InstallMode` SHORT NOT NULL "
-        L"PRIMARY KEY `FileKey`)");
     Sql(L"INSERT INTO `Directory` (`Directory`, `DefaultDir`) VALUES ('TARGETDIR', 'SourceDir')");
     Sql(L"INSERT INTO `Feature` (`Feature`, `Level`, `Attributes`) VALUES ('Main', 1, 0)");
-    UUID uuid;
-    ::UuidCreate(&uuid);
-    wchar_t code[64];
-    swprintf(code, 64, L"{%08lX-%04X-%04X-%02X%02X-%02X%02X%02X%02X%02X%02X}", static_cast<unsigned long>(uuid.Data1),
-             uuid.Data2, uuid.Data3, uuid.Data4[0], uuid.Data4[1], uuid.Data4[2], uuid.Data4[3], uuid.Data4[4],
-             uuid.Data4[5], uuid.Data4[6], uuid.Data4[7]);
-    productCode_ = code;
-    AddProperty(L"ProductCode", productCode_);
+    AddProperty(L"ProductCode", L"{6A1F0C52-8E4B-4E0B-9C55-3D2A7B9E1F40}");
     AddProperty(L"ALLUSERS", L"1");
     AddProperty(L"ProductName", L"Setup Utils test");
     AddProperty(L"ProductVersion", L"1.0.0");
@@ -100,21 +87,6 @@ TestPackage::TestPackage() : path_(dir_.File(L"test.msi")) {
 TestPackage::~TestPackage() {
     session_.Reset();
     database_.Reset();
-    if (installed_) Uninstall();
-}
-
-void TestPackage::AddExecuteSequence() {
-    Sql(L"CREATE TABLE `InstallExecuteSequence` (`Action` CHAR(72) NOT NULL, `Condition` CHAR(255), "
-        L"`Sequence` SHORT PRIMARY KEY `Action`)");
-    const std::pair<const wchar_t*, int> actions[] = {
-        {L"CostInitialize", 800},    {L"FileCost", 900},          {L"CostFinalize", 1000},
-        {L"InstallValidate", 1400},  {L"InstallInitialize", 1500}, {L"ProcessComponents", 1600},
-        {L"RegisterProduct", 6100},  {L"PublishFeatures", 6300},  {L"PublishProduct", 6400},
-        {L"InstallFinalize", 6600}};
-    for (const auto& [action, sequence] : actions) {
-        Sql(L"INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) VALUES ('" + std::wstring(action) +
-            L"', " + std::to_wstring(sequence) + L")");
-    }
 }
 
 void TestPackage::Commit() {
@@ -131,22 +103,6 @@ void TestPackage::Commit() {
     Check(::MsiDatabaseCommit(database_.Get()), "MsiDatabaseCommit");
     database_.Reset();
     committed_ = true;
-}
-
-UINT TestPackage::Install() {
-    Commit();
-    ::MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
-    const UINT result = ::MsiInstallProductW(path_.c_str(), L"");
-    if (result == ERROR_SUCCESS) installed_ = true;
-    return result;
-}
-
-UINT TestPackage::Uninstall() {
-    session_.Reset();
-    ::MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
-    const UINT result = ::MsiConfigureProductW(productCode_.c_str(), INSTALLLEVEL_DEFAULT, INSTALLSTATE_ABSENT);
-    if (result == ERROR_SUCCESS) installed_ = false;
-    return result;
 }
 
 void TestPackage::Sql(const std::wstring& query) {
@@ -231,28 +187,8 @@ std::wstring BuildTree() {
 
 }  // namespace
 
-HMODULE LoadUtilsDll() { return ::LoadLibraryW((BuildTree() + L"\\utils.dll").c_str()); }
-
 std::wstring ChildProcessCommand(const std::wstring& steps) {
     return L"\"" + BuildTree() + L"\\tests\\child_process.exe\" " + steps;
-}
-
-std::wstring ReadFileBytesAsHex(const std::wstring& path) {
-    FileHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                  OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file) return L"<missing>";
-    std::wstring hex;
-    unsigned char buffer[4096];
-    DWORD read = 0;
-    static const wchar_t digits[] = L"0123456789ABCDEF";
-    while (::ReadFile(file.Get(), buffer, sizeof(buffer), &read, nullptr) && read > 0) {
-        for (DWORD i = 0; i < read; ++i) {
-            if (!hex.empty()) hex.push_back(L' ');
-            hex.push_back(digits[buffer[i] >> 4]);
-            hex.push_back(digits[buffer[i] & 15]);
-        }
-    }
-    return hex;
 }
 
 }  // namespace setup::test

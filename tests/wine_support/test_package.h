@@ -53,29 +53,18 @@ public:
     void Sql(const std::wstring& query);
     void AddProperty(const std::wstring& name, const std::wstring& value);
     void AddComponent(const std::wstring& component, const std::wstring& guid);
-    // Adds the standard actions that register a product without files.
-    void AddExecuteSequence();
     // Commits the database and opens a session on it (UI level none).
     MSIHANDLE Open();
-    // Commits the database and installs it as a product; returns the installer's result.
-    UINT Install();
-    // Removes the installed product (no-op when it is not installed).
-    UINT Uninstall();
-    const std::wstring& ProductCode() const { return productCode_; }
     // CostInitialize, FileCost, CostFinalize: afterwards component states can be set.
     void Cost();
     MSIHANDLE Session() const { return session_.Get(); }
-    const std::wstring& DatabasePath() const { return path_; }
 
 private:
     TempDir dir_;
     std::wstring path_;
     MsiHandle database_;
     MsiHandle session_;
-    std::vector<std::wstring> components_;
-    std::wstring productCode_;
     bool committed_ = false;
-    bool installed_ = false;
 
     void Commit();
 };
@@ -114,12 +103,7 @@ std::wstring LoggedIn(MSIHANDLE session, F work) {
     return capture.AllInfo();
 }
 
-// Loads the built utils.dll next to the test program's folder.
-HMODULE LoadUtilsDll();
-
 // The command line that runs the scripted child program (tests/tools/child_process.cpp) with `steps`.
 std::wstring ChildProcessCommand(const std::wstring& steps);
-
-std::wstring ReadFileBytesAsHex(const std::wstring& path);
 
 }  // namespace setup::test

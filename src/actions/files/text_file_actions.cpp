@@ -1,5 +1,6 @@
 #include "actions/files/text_file_actions.h"
 
+#include <optional>
 #include <set>
 #include <utility>
 
@@ -9,6 +10,7 @@
 #include "runtime/throw.h"
 #include "services/file_operations.h"
 #include "services/file_restore.h"
+#include "services/file_write.h"
 #include "services/path.h"
 #include "services/pending_rename_store.h"
 
@@ -30,9 +32,10 @@ private:
     const Session& session_;
 };
 
-std::vector<TextFileRow> ReadRows(const Session& session, const Database& database) {
+// The table's rows, or nothing when the package has no such table.
+std::optional<std::vector<TextFileRow>> ReadRows(const Session& session) {
     std::vector<TextFileRow> rows;
-    database.ForEachRow(kQuery, [&](const Record& record) {
+    const bool exists = session.ActiveDatabase().ForEachRowOfTable(kTable, kQuery, [&](const Record& record) {
         TextFileRow row;
         row.id = record.GetString(1);
         if (row.id.empty()) Throw(kFail, L"The id is empty");
@@ -43,6 +46,7 @@ std::vector<TextFileRow> ReadRows(const Session& session, const Database& databa
         row.condition = record.GetString(5);
         rows.push_back(std::move(row));
     });
+    if (!exists) return std::nullopt;
     return rows;
 }
 
@@ -60,17 +64,13 @@ void Leniently(Step step) {
 
 void InstallTextFiles(Session& session) {
     Wow64FsRedirectionGuard redirection;
-    const Database database = session.ActiveDatabase();
-    if (!database.TableExists(kTable)) {
-        LogInfo(L"There is no '%s' table.", kTable);
-        return;
-    }
-    const std::vector<TextFileRow> rows = ReadRows(session, database);
+    const std::optional<std::vector<TextFileRow>> rows = ReadRows(session);
+    if (!rows) return;
     SessionComponentStates states(session);
     InstallerMachine machine(session);
     ProgramLogSink log;
     TextFileActionData data;
-    data.items = PlanTextFiles(rows, states, machine, log);
+    data.items = PlanTextFiles(*rows, states, machine, log);
     if (data.items.empty()) return;
     if (NeedsPendingRenames(data.items)) data.snapshot = TakePendingRenameSnapshot();
     const std::wstring encoded = EncodeTextFileActionData(data);
@@ -83,21 +83,25 @@ void InstallTextFilesDeferred(Session& session) {
     Wow64FsRedirectionGuard redirection;
     const TextFileActionData data = DecodeTextFileActionData(session.CustomActionData());
     for (const TextFileItem& item : data.items) {
+        CheckWritablePath(item.path);
         if (!item.rbf.empty() && FileExists(item.path)) {
             LogInfo(L"Backing up file '%s' -> '%s'.", item.path, item.rbf);
-            CopyFileWithFallback(item.path, item.rbf, false);
+            CheckWritablePath(item.rbf);
+            CopyToNewFile(item.path, item.rbf);
         }
-        std::wstring written = item.path;
-        if (item.atr & kTextFileReplaceAtReboot) {
-            const std::wstring directory = DirectoryOf(item.path);
-            written = GetTempFilePath(directory, L"TMP");
-            if (written.empty()) Throw(kFail, L"Failed to get temp file '" + directory + L"\\TMP'.");
+        if (!(item.atr & kTextFileReplaceAtReboot)) {
+            LogInfo(L"Write to file '%s'.", item.path);
+            WriteUtf16File(item.path, item.content);
+            continue;
         }
-        LogInfo(L"Write to file '%s'.", written);
-        if (!WriteUtf16File(written, item.content)) {
-            Throw(FailureFromWin32(::GetLastError()), L"Failed to write file '" + written + L"'.");
-        }
-        if (written != item.path) MoveFileOnReboot(written, item.path);
+        // The target keeps its content until the restart; a link there is
+        // refused now, not followed then.
+        CheckNotLink(item.path);
+        NewFile staged = CreateStagingFile(DirectoryOf(item.path), L"TMP");
+        LogInfo(L"Write to file '%s'.", staged.path);
+        WriteUtf16(staged, item.content);
+        staged.handle.Reset();
+        MoveFileOnReboot(staged.path, item.path);
     }
 }
 

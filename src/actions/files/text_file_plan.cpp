@@ -3,6 +3,7 @@
 #include <map>
 
 #include "runtime/action_data.h"
+#include "runtime/exception.h"
 #include "services/path.h"
 
 namespace setup {
@@ -45,6 +46,13 @@ std::vector<TextFileItem> PlanTextFiles(const std::vector<TextFileRow>& rows, Co
     std::map<std::wstring, std::wstring> contents;
     for (const TextFileRow& row : rows) {
         if (!DecideTextLine(states, row, log).Chosen()) continue;
+        // Caught here, naming the row, before anything is scheduled.
+        if (row.file.empty()) throw Exception(kFail, L"The file is empty in " + row.id);
+        const std::wstring problem = PathProblem(row.file);
+        if (!problem.empty()) {
+            throw Exception(kInvalidArgument, L"The file '" + row.file + L"' of text line '" + row.id +
+                                                  L"' is refused: " + problem + L".");
+        }
         auto [it, first] = contents.try_emplace(row.file);
         AppendTextLine(it->second, row.text, first);
     }

@@ -1,5 +1,6 @@
 #include "actions/system/event_manifest_actions.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,14 +25,16 @@ std::wstring SystemWevtutil() {
     return WevtutilPath(std::wstring_view(directory, length));
 }
 
-std::vector<EventManifestRow> ReadRows(const Session& session, const Database& database) {
+// The table's rows, or nothing when the package has no such table.
+std::optional<std::vector<EventManifestRow>> ReadRows(const Session& session) {
     std::vector<EventManifestRow> rows;
-    database.ForEachRow(kQuery, [&](const Record& record) {
+    const bool exists = session.ActiveDatabase().ForEachRowOfTable(kTable, kQuery, [&](const Record& record) {
         EventManifestRow row{record.GetString(1), session.FormatText(record.GetString(2))};
         if (row.file.empty()) Throw(kFail, L"The file is empty in EventManifest table.");
         if (row.component.empty()) Throw(kFail, L"The component is empty in EventManifest table.");
         rows.push_back(std::move(row));
     });
+    if (!exists) return std::nullopt;
     return rows;
 }
 
@@ -47,15 +50,11 @@ void ScheduleManifests(Session& session, const Schedule& schedule) {
         LogInfo(L"Skip action %s. Wevtutil.exe is not exist.", schedule.action);
         return;
     }
-    const Database database = session.ActiveDatabase();
-    if (!database.TableExists(kTable)) {
-        LogInfo(L"There is no '%s' table.", kTable);
-        return;
-    }
-    const std::vector<EventManifestRow> rows = ReadRows(session, database);
+    const std::optional<std::vector<EventManifestRow>> rows = ReadRows(session);
+    if (!rows) return;
     SessionComponentStates states(session);
     ProgramLogSink log;
-    const std::vector<std::wstring> paths = SelectManifests(rows, schedule.operation, states, log);
+    const std::vector<std::wstring> paths = SelectManifests(*rows, schedule.operation, states, log);
     if (paths.empty()) return;
     const std::wstring data = EncodeTextList(paths);
     session.ScheduleDeferred(schedule.rollback, data);

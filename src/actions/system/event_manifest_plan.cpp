@@ -1,13 +1,14 @@
 #include "actions/system/event_manifest_plan.h"
 
+#include "runtime/exception.h"
 #include "services/path.h"
 
 namespace setup {
 
 namespace {
 
-constexpr DecisionRule kRegisterRule{true, false, true, false, false};
-constexpr DecisionRule kUnregisterRule{false, true, true, false, true};
+constexpr DecisionRule kRegisterRule{.acceptInstall = true, .acceptReinstall = true};
+constexpr DecisionRule kUnregisterRule{.acceptUninstall = true, .acceptReinstall = true, .skipFileAbsent = true};
 
 std::wstring RegisterText(const Decision& d, const EventManifestRow& row) {
     switch (d.verdict) {
@@ -48,7 +49,14 @@ std::vector<std::wstring> SelectManifests(const std::vector<EventManifestRow>& r
         auto text = [&](const Decision& d) { return registering ? RegisterText(d, row) : UnregisterText(d, row); };
         const Decision d =
             DecideRow(states, registering ? kRegisterRule : kUnregisterRule, row.component, {}, text, log);
-        if (d.Chosen()) paths.push_back(row.file);
+        if (!d.Chosen()) continue;
+        // A quote would end the path inside the tool's command line and let
+        // the rest pass as arguments: refused before anything runs.
+        const std::wstring problem = PathProblem(row.file);
+        if (!problem.empty()) {
+            throw Exception(kInvalidArgument, L"The event manifest path '" + row.file + L"' is refused: " + problem + L".");
+        }
+        paths.push_back(row.file);
     }
     return paths;
 }
@@ -56,6 +64,11 @@ std::vector<std::wstring> SelectManifests(const std::vector<EventManifestRow>& r
 std::wstring WevtutilPath(std::wstring_view systemDirectory) { return JoinPath(systemDirectory, L"wevtutil.exe"); }
 
 std::wstring ManifestCommandLine(std::wstring_view tool, ManifestOperation operation, std::wstring_view manifest) {
+    const std::wstring problem = PathProblem(manifest);
+    if (!problem.empty()) {
+        throw Exception(kInvalidArgument,
+                        L"The event manifest path '" + std::wstring(manifest) + L"' is refused: " + problem + L".");
+    }
     const wchar_t* verb = operation == ManifestOperation::Register ? L"im" : L"um";
     return Format(L"\"%s\" %s \"%s\"", tool, verb, manifest);
 }

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "runtime/exception.h"
 #include "runtime/fake_component_states.h"
 
 #include <map>
@@ -90,24 +91,42 @@ TEST(TextFilePlan, ComposesContentPerTargetInOrdinalCaseSensitiveOrder) {
 
 TEST(TextFilePlan, BacksUpExistingFilesOnlyAndReadsTheLockPropertyPerFile) {
     Fixture f;
-    f.machine.files = {L"C:\\t\\old.txt", L"rel.txt"};
+    f.machine.files = {L"C:\\t\\old.txt"};
     f.machine.lock = L"1";
     const auto items = f.Plan({
         {L"1", L"C:\\t\\old.txt", L"x", L"Install", L""},
         {L"2", L"C:\\t\\dir", L"x", L"Install", L""},  // an existing directory is not a file: no backup
-        {L"3", L"rel.txt", L"x", L"Install", L""},
     });
-    ASSERT_EQ(items.size(), 3u);
+    ASSERT_EQ(items.size(), 2u);
     EXPECT_EQ(items[0].rbf, L"");
     EXPECT_EQ(items[1].rbf, L"C:\\t\\uuid-1");
-    EXPECT_EQ(items[2].rbf, L"uuid-2");  // no directory part: the UUID alone
     for (const auto& item : items) EXPECT_EQ(item.atr, kTextFileReplaceAtReboot);
-    EXPECT_EQ(f.machine.lockReads, 3);
+    EXPECT_EQ(f.machine.lockReads, 2);
 
     for (const std::wstring& value : std::vector<std::wstring>{L"true", L"01", L" 1", L""}) {
         Fixture g;
         g.machine.lock = value;
-        EXPECT_EQ(g.Plan({{L"1", L"x", L"y", L"Install", L""}})[0].atr, 0) << value;
+        EXPECT_EQ(g.Plan({{L"1", L"C:\\x", L"y", L"Install", L""}})[0].atr, 0) << value;
+    }
+}
+
+TEST(TextFilePlan, AChosenRowWithAnEmptyRelativeOrMalformedFileFailsNamingTheRow) {
+    const std::pair<std::wstring, std::wstring> cases[] = {
+        {L"", L"The file is empty in R"},
+        {L"relative.txt", L"The file 'relative.txt' of text line 'R' is refused: it is not an absolute path (a drive "
+                          L"or a network share)."},
+        {L"C:\\a\"b.txt", L"The file 'C:\\a\"b.txt' of text line 'R' is refused: it holds '\"', which no Windows "
+                           L"path can hold."},
+    };
+    for (const auto& [file, message] : cases) {
+        Fixture f;
+        try {
+            f.Plan({{L"R", file, L"x", L"Install", L""}});
+            ADD_FAILURE() << "no exception";
+        } catch (const Exception& e) {
+            EXPECT_EQ(e.Message(), message);
+        }
+        EXPECT_TRUE(f.Plan({{L"R", file, L"x", L"Remove", L""}}).empty());  // a skipped row is not looked at
     }
 }
 

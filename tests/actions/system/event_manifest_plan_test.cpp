@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "runtime/exception.h"
+
 #include "runtime/fake_component_states.h"
 #include "services/process_output.h"
 
@@ -69,7 +71,12 @@ TEST(EventManifestPlan, CommandLinesQuoteToolAndManifestWithoutEscaping) {
     EXPECT_EQ(WevtutilPath(L"C:/sys/"), L"C:/sys/wevtutil.exe");
     EXPECT_EQ(ManifestCommandLine(tool, ManifestOperation::Register, L"C:\\Program Files\\A\\events one.man"),
               L"\"C:\\windows\\system32\\wevtutil.exe\" im \"C:\\Program Files\\A\\events one.man\"");
-    EXPECT_EQ(ManifestCommandLine(L"t", ManifestOperation::Unregister, L"a\"b %s [x]"), L"\"t\" um \"a\"b %s [x]\"");
+    EXPECT_EQ(ManifestCommandLine(L"t", ManifestOperation::Unregister, L"C:\\m %s [x].man"),
+              L"\"t\" um \"C:\\m %s [x].man\"");
+    // A quote would split the command line: refused, as is a relative path.
+    for (const wchar_t* bad : {L"C:\\x.man\" /rf:\"C:\\evil.dll", L"x.man"}) {
+        EXPECT_THROW(ManifestCommandLine(tool, ManifestOperation::Register, bad), Exception) << bad;
+    }
 }
 
 TEST(ProcessOutput, LinesCutByReadBoundariesComeOutWhole) {

@@ -1,0 +1,147 @@
+#include "services/file_write.h"
+
+#include <vector>
+
+#include "runtime/program_log.h"
+#include "runtime/throw.h"
+#include "services/file_operations.h"
+#include "services/path.h"
+
+namespace setup {
+
+namespace {
+
+constexpr int kStagingNameTries = 5;  // a taken random name is rare; a few more tries, never a loop
+
+// The bytes of `text` as the library's text files hold them.
+std::wstring Utf16Content(std::wstring_view text) {
+    std::wstring content;
+    content.reserve(text.size() + text.size() / 16 + 1);
+    content.push_back(L'\xFEFF');
+    for (const wchar_t c : text) {
+        if (c == L'\r') continue;
+        if (c == L'\n') content.push_back(L'\r');
+        content.push_back(c);
+    }
+    return content;
+}
+
+bool WriteAll(HANDLE file, const void* data, std::size_t bytes) {
+    const auto* p = static_cast<const char*>(data);
+    while (bytes > 0) {
+        const DWORD chunk = bytes > (1u << 24) ? (1u << 24) : static_cast<DWORD>(bytes);
+        DWORD written = 0;
+        if (!::WriteFile(file, p, chunk, &written, nullptr) || written == 0) return false;
+        p += written;
+        bytes -= written;
+    }
+    return true;
+}
+
+bool HandleIsReparsePoint(HANDLE file) {
+    BY_HANDLE_FILE_INFORMATION info;
+    return ::GetFileInformationByHandle(file, &info) && (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT);
+}
+
+[[noreturn]] void RefuseLink(const std::wstring& path) {
+    Throw(HResultFromWin32(ERROR_CANT_ACCESS_FILE), L"Refused to write '" + path + L"': it is a link (reparse point).");
+}
+
+// The UUID as 32 hex digits: 122 random bits, not guessable like a counter.
+std::wstring RandomHex() {
+    std::wstring hex;
+    for (const wchar_t c : CreateUuidString()) {
+        if (c != L'-') hex.push_back(c);
+    }
+    return hex;
+}
+
+}  // namespace
+
+void CheckWritablePath(std::wstring_view path) {
+    const std::wstring problem = PathProblem(path);
+    if (!problem.empty()) Throw(kInvalidArgument, L"Refused to write '" + std::wstring(path) + L"': " + problem + L".");
+}
+
+void CheckNotLink(std::wstring_view path) {
+    const std::wstring name(path);
+    const DWORD attributes = ::GetFileAttributesW(name.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT)) RefuseLink(name);
+}
+
+void WriteUtf16File(std::wstring_view path, std::wstring_view text) {
+    const std::wstring name(path);
+    CheckNotLink(name);
+    // Opened without truncation: a link that appeared since the check is
+    // opened as itself, seen, and refused before anything is written.
+    FileHandle file(::CreateFileW(name.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_ALWAYS,
+                                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    ThrowLastErrorIf(!file, L"Failed to write file '" + name + L"'.");
+    if (HandleIsReparsePoint(file.Get())) RefuseLink(name);
+    const std::wstring content = Utf16Content(text);
+    const bool ok = WriteAll(file.Get(), content.data(), content.size() * sizeof(wchar_t)) &&
+                    ::SetEndOfFile(file.Get());
+    ThrowLastErrorIf(!ok, L"Failed to write file '" + name + L"'.");
+}
+
+NewFile CreateStagingFile(std::wstring_view directory, std::wstring_view prefix) {
+    const std::wstring failure = L"Failed to get temp file '" + std::wstring(directory) + L"\\" + std::wstring(prefix) + L"'.";
+    DWORD error = ERROR_FILE_EXISTS;
+    for (int attempt = 0; attempt < kStagingNameTries; ++attempt) {
+        NewFile staged;
+        staged.path = JoinPath(directory, std::wstring(prefix) + RandomHex() + L".tmp");
+        staged.handle.Reset(::CreateFileW(staged.path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_NEW,
+                                          FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+        if (staged.handle) return staged;
+        error = ::GetLastError();
+        if (error != ERROR_FILE_EXISTS && error != ERROR_ALREADY_EXISTS) break;
+        LogInfo(L"The name '%s' is taken; trying another.", staged.path);
+    }
+    Throw(FailureFromWin32(error), failure);
+}
+
+void WriteUtf16(const NewFile& file, std::wstring_view text) {
+    const std::wstring content = Utf16Content(text);
+    ThrowLastErrorIf(!WriteAll(file.handle.Get(), content.data(), content.size() * sizeof(wchar_t)),
+                     L"Failed to write file '" + file.path + L"'.");
+}
+
+void CopyToNewFile(std::wstring_view source, std::wstring_view destination) {
+    const std::wstring from(source);
+    const std::wstring to(destination);
+    const std::wstring failure = L"Failed to copy file '" + from + L"' -> '" + to + L"'.";
+    LogInfo(L"Copy file '%s' -> '%s'.", from, to);
+    CheckNotLink(from);
+    FileHandle in(::CreateFileW(from.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    ThrowLastErrorIf(!in, failure);
+    if (HandleIsReparsePoint(in.Get())) RefuseLink(from);
+    BY_HANDLE_FILE_INFORMATION info;
+    ThrowLastErrorIf(!::GetFileInformationByHandle(in.Get(), &info), failure);
+    // Read-only and the like are put on once the copy is complete.
+    FileHandle out(::CreateFileW(to.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                                 FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    ThrowLastErrorIf(!out, failure);
+    bool ok = true;
+    std::vector<char> buffer(1 << 16);
+    for (;;) {
+        DWORD read = 0;
+        ok = ::ReadFile(in.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &read, nullptr) != FALSE;
+        if (!ok || read == 0) break;
+        ok = WriteAll(out.Get(), buffer.data(), read);
+        if (!ok) break;
+    }
+    ok = ok && ::SetFileTime(out.Get(), &info.ftCreationTime, &info.ftLastAccessTime, &info.ftLastWriteTime);
+    if (!ok) {
+        const DWORD error = ::GetLastError();
+        out.Reset();
+        ::DeleteFileW(to.c_str());
+        Throw(FailureFromWin32(error), failure);
+    }
+    out.Reset();
+    const DWORD kept = info.dwFileAttributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
+                                                FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE);
+    if (kept != 0) ::SetFileAttributesW(to.c_str(), kept);
+}
+
+}  // namespace setup
