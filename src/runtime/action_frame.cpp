@@ -5,11 +5,14 @@
 
 #include "runtime/ca_runtime.h"
 #include "runtime/exception.h"
+#include "runtime/installer_calls.h"
 #include "runtime/program_log.h"
 
 namespace setup {
 
 namespace {
+
+constexpr unsigned kLinesPerMessage = 100;
 
 // The action's work and its failures, turned into the installer's result code.
 UINT RunWork(MSIHANDLE hInstall, ActionError error, const ActionWork& work) {
@@ -48,10 +51,17 @@ UINT RunAction(MSIHANDLE hInstall, const char* name, ActionError error, const Ac
     // Initialisation, work and finalisation all sit inside this one handler:
     // nothing escapes into the installer's custom-action server.
     try {
+        ResetInstallerCallCount();
         CaInitialize(hInstall, name);
+        // Lines travel to the installer a hundred at a time (each message is
+        // a round trip); whatever is pending leaves with the finish line, and
+        // before anything that waits (a child process).
+        SetLogBatch(kLinesPerMessage);
         LogInfo(L"%s initialized.", name);
         const UINT result = RunWork(hInstall, error, work);
+        if (CaIsVerbose()) LogInfo(L"Installer calls: %u.", InstallerCallCount());
         LogInfo(L"%s: finished. Return value %d.", name, result);
+        SetLogBatch(0);
         FlushLog();
         return CaFinalize(result);
     } catch (...) {

@@ -1,5 +1,6 @@
 #include "runtime/database.h"
 
+#include "runtime/installer_calls.h"
 #include "runtime/program_log.h"
 
 #include "runtime/string_buffer.h"
@@ -13,15 +14,18 @@ std::shared_ptr<MsiHandle> ShareHandle(MSIHANDLE handle) {
 }
 
 Record Record::Create(unsigned fields) {
-    const MSIHANDLE handle = ::MsiCreateRecord(fields);
+    const MSIHANDLE handle = InstallerCall(::MsiCreateRecord, fields);
     if (handle == 0) Throw(kFail, L"Failed to create a record.");
     return Record(handle);
 }
 
-unsigned Record::FieldCount() const { return ::MsiRecordGetFieldCount(Get()); }
+unsigned Record::FieldCount() const {
+    if (fieldCount_ < 0) fieldCount_ = static_cast<int>(InstallerCall(::MsiRecordGetFieldCount, Get()));
+    return static_cast<unsigned>(fieldCount_);
+}
 
 void Record::CheckField(unsigned field) const {
-    const UINT count = ::MsiRecordGetFieldCount(Get());
+    const UINT count = FieldCount();
     if (count == static_cast<UINT>(-1) || field > count) {
         Throw(kInvalidArgument, L"The value of an argument is outside the allowable range.");
     }
@@ -38,36 +42,41 @@ std::wstring Record::GetString(unsigned field) const {
 
 int Record::GetInteger(unsigned field) const {
     CheckField(field);
-    return ::MsiRecordGetInteger(Get(), field);
+    return InstallerCall(::MsiRecordGetInteger, Get(), field);
 }
 
 
 void Record::SetString(unsigned field, std::wstring_view text) {
     CheckField(field);
     const std::wstring copy(text);
-    ThrowIfMsiError(::MsiRecordSetStringW(Get(), field, copy.c_str()),
+    ThrowIfMsiError(InstallerCall(::MsiRecordSetStringW, Get(), field, copy.c_str()),
                     L"Failed to sets a record field to a string field.");
 }
 
 
 void View::Execute() {
-    ThrowIfMsiError(::MsiViewExecute(Get(), 0), L"Failed to execute a SQL view query.");
+    ThrowIfMsiError(InstallerCall(::MsiViewExecute, Get(), 0), L"Failed to execute a SQL view query.");
 }
 
 void View::Execute(const Record& parameters) {
-    ThrowIfMsiError(::MsiViewExecute(Get(), parameters.Get()), L"Failed to execute a SQL view query.");
+    ThrowIfMsiError(InstallerCall(::MsiViewExecute, Get(), parameters.Get()), L"Failed to execute a SQL view query.");
 }
 
 std::optional<Record> View::Fetch() {
     MSIHANDLE row = 0;
-    const UINT status = ::MsiViewFetch(Get(), &row);
+    const UINT status = InstallerCall(::MsiViewFetch, Get(), &row);
     if (status == ERROR_NO_MORE_ITEMS) return std::nullopt;
     ThrowIfMsiError(status, L"Failed to fetch the next sequential record from the view.");
-    return Record(row);
+    if (fieldCount_ < 0) {
+        Record first(row);
+        fieldCount_ = static_cast<int>(first.FieldCount());
+        return first;
+    }
+    return Record(row, static_cast<unsigned>(fieldCount_));
 }
 
 Database Database::Active(MSIHANDLE hInstall) {
-    const MSIHANDLE handle = ::MsiGetActiveDatabase(hInstall);
+    const MSIHANDLE handle = InstallerCall(::MsiGetActiveDatabase, hInstall);
     if (handle == 0) Throw(kFail, L"Failed to get active database.");
     return Database(handle);
 }
@@ -75,7 +84,7 @@ Database Database::Active(MSIHANDLE hInstall) {
 View Database::OpenView(std::wstring_view query) const {
     const std::wstring text(query);
     MSIHANDLE view = 0;
-    ThrowIfMsiError(::MsiDatabaseOpenViewW(Get(), text.c_str(), &view), L"Failed to create a view object.");
+    ThrowIfMsiError(InstallerCall(::MsiDatabaseOpenViewW, Get(), text.c_str(), &view), L"Failed to create a view object.");
     return View(view);
 }
 
@@ -98,7 +107,7 @@ bool Database::ForEachRowOfTable(std::wstring_view table, std::wstring_view quer
 bool Database::TableExists(std::wstring_view table) const {
     const std::wstring name(table);
     MsiHandle keys;
-    const UINT status = ::MsiDatabaseGetPrimaryKeysW(Get(), name.c_str(), keys.Put());
+    const UINT status = InstallerCall(::MsiDatabaseGetPrimaryKeysW, Get(), name.c_str(), keys.Put());
     if (status == ERROR_INVALID_TABLE) return false;
     ThrowIfMsiError(status, L"Failed to determines existing the table:" + name);
     return true;

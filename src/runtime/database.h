@@ -23,6 +23,9 @@ std::shared_ptr<MsiHandle> ShareHandle(MSIHANDLE handle);
 class Record {
 public:
     explicit Record(MSIHANDLE handle) : handle_(ShareHandle(handle)) {}
+    // A record whose field count is known already (rows of one view share it):
+    // saves a round trip to the installer per field read.
+    Record(MSIHANDLE handle, unsigned fieldCount) : handle_(ShareHandle(handle)), fieldCount_(static_cast<int>(fieldCount)) {}
     // A new record with `fields` fields (plus field 0).
     static Record Create(unsigned fields);
 
@@ -37,6 +40,7 @@ public:
 private:
     void CheckField(unsigned field) const;
     std::shared_ptr<MsiHandle> handle_;
+    mutable int fieldCount_ = -1;  // -1: not asked yet
 };
 
 class View {
@@ -53,6 +57,7 @@ public:
 
 private:
     std::shared_ptr<MsiHandle> handle_;
+    int fieldCount_ = -1;  // of the first row fetched
 };
 
 class Database {

@@ -33,6 +33,7 @@ void LogBuffer::Discard() noexcept {
         std::lock_guard<std::mutex> guard(lock_);
         pending_.clear();
         pendingCount_ = 0;
+        threshold_ = 0;
     } catch (...) {  // a lock that cannot be taken: nothing to drop safely
     }
 }

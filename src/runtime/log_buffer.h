@@ -22,7 +22,7 @@ public:
     void SetThreshold(unsigned threshold);
     // Sends whatever is pending (nothing when empty) and resets the count.
     void Flush();
-    // Drops whatever is pending, unsent.
+    // Drops whatever is pending, unsent, and sends each line at once from then on.
     void Discard() noexcept;
 
 private:

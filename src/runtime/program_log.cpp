@@ -1,6 +1,7 @@
 #include "runtime/program_log.h"
 
 #include "runtime/ca_runtime.h"
+#include "runtime/installer_calls.h"
 #include "runtime/log_buffer.h"
 #include "runtime/log_escape.h"
 #include "runtime/unique_handle.h"
@@ -10,10 +11,13 @@ namespace setup {
 namespace {
 
 void SendToInstaller(const std::wstring& message) {
+    CountInstallerCall();
     MsiHandle record(::MsiCreateRecord(1));
     if (!record) return;
     if (::MsiRecordSetStringW(record.Get(), 0, message.c_str()) != ERROR_SUCCESS) return;
     // The reply to an information message carries nothing we act on.
+    CountInstallerCall();
+    CountInstallerCall();  // the text, then the message
     ::MsiProcessMessage(CaInstallHandle(), INSTALLMESSAGE_INFO, record.Get());
 }
 

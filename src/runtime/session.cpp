@@ -1,6 +1,7 @@
 #include "runtime/session.h"
 
 #include "runtime/ca_runtime.h"
+#include "runtime/installer_calls.h"
 #include "runtime/string_buffer.h"
 #include "runtime/throw.h"
 
@@ -18,11 +19,13 @@ std::wstring Session::GetProperty(std::wstring_view name) const {
 void Session::SetProperty(std::wstring_view name, std::wstring_view value) const {
     const std::wstring key(name);
     const std::wstring text(value);
-    ThrowIfMsiError(::MsiSetPropertyW(install_, key.c_str(), text.c_str()), L"Failed to set msi property: " + key);
+    ThrowIfMsiError(InstallerCall(::MsiSetPropertyW, install_, key.c_str(), text.c_str()), L"Failed to set msi property: " + key);
 }
 
 std::wstring Session::FormatText(std::wstring_view text) const {
-    Record record = Record::Create(0);
+    if (text.find(L'[') == std::wstring_view::npos) return std::wstring(text);
+    if (!*scratch_) *scratch_ = Record::Create(0);
+    Record& record = **scratch_;
     record.SetString(0, text);
     std::wstring formatted;
     const UINT status = FetchInstallerString(
@@ -36,31 +39,44 @@ UINT Session::GetComponentState(std::wstring_view component, ComponentState& sta
     const std::wstring key(component);
     INSTALLSTATE installed = INSTALLSTATE_UNKNOWN;
     INSTALLSTATE action = INSTALLSTATE_UNKNOWN;
-    const UINT status = ::MsiGetComponentStateW(install_, key.c_str(), &installed, &action);
+    const UINT status = InstallerCall(::MsiGetComponentStateW, install_, key.c_str(), &installed, &action);
     state.installed = installed;
     state.action = action;
     return status;
 }
 
 std::optional<ComponentState> SessionComponentStates::State(std::wstring_view component) {
+    const auto known = states_.find(component);
+    if (known != states_.end()) return known->second;
     ComponentState state;
-    if (session_.GetComponentState(component, state) != ERROR_SUCCESS) return std::nullopt;
-    return state;
+    std::optional<ComponentState> result;
+    if (session_.GetComponentState(component, state) == ERROR_SUCCESS) result = state;
+    states_.emplace(std::wstring(component), result);
+    return result;
+}
+
+int SessionComponentStates::EvaluateCondition(std::wstring_view condition) {
+    if (condition.empty()) return kConditionNone;  // what the installer answers for no condition
+    const auto known = conditions_.find(condition);
+    if (known != conditions_.end()) return known->second;
+    const int result = session_.EvaluateCondition(condition);
+    conditions_.emplace(std::wstring(condition), result);
+    return result;
 }
 
 int Session::EvaluateCondition(std::wstring_view condition) const {
     const std::wstring text(condition);
-    return static_cast<int>(::MsiEvaluateConditionW(install_, text.c_str()));
+    return static_cast<int>(InstallerCall(::MsiEvaluateConditionW, install_, text.c_str()));
 }
 
 void Session::ScheduleDeferred(std::wstring_view action, std::wstring_view data) const {
     const std::wstring name(action);
     const std::wstring text(data);
-    UINT status = ::MsiSetPropertyW(install_, name.c_str(), text.c_str());
+    UINT status = InstallerCall(::MsiSetPropertyW, install_, name.c_str(), text.c_str());
     if (status != ERROR_SUCCESS) {
         CaLogError(FailureFromWin32(status), "Failed to set CustomActionData for deferred action");
     } else {
-        status = ::MsiDoActionW(install_, name.c_str());
+        status = InstallerCall(::MsiDoActionW, install_, name.c_str());
         if (status == ERROR_INSTALL_USEREXIT) CaRecordCancel();
         if (status != ERROR_SUCCESS) CaLogError(FailureFromWin32(status), "Failed MsiDoAction on deferred action");
     }

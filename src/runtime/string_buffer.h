@@ -2,34 +2,41 @@
 // The one helper for the installer's "ask the size, then fetch" string APIs
 // (MsiGetPropertyW, MsiRecordGetStringW, MsiFormatRecordW, ...). `call` has
 // the shape UINT(wchar_t* buffer, DWORD* size): size in characters, without
-// the terminator on output. The helper asks with an empty buffer, fetches into
-// size + 1 characters, and asks again while the value grew in between.
+// the terminator on output.
+//
+// Each call is a round trip to the installer from a custom-action server, so
+// the helper fetches at once into a buffer on the stack, which holds most
+// values, and asks again only when the value did not fit, or grew in between.
+// (No buffer kept per thread: a thread_local with a destructor in a DLL built
+// with MinGW can hang the custom-action server when its thread ends.)
 
 #include <string>
 
+#include "runtime/installer_calls.h"
 #include "runtime/win32.h"
 
 namespace setup {
 
 template <class Call>
 UINT FetchInstallerString(Call call, std::wstring& out) {
-    wchar_t probe[1] = {0};
-    DWORD size = 0;
-    UINT status = call(probe, &size);
+    wchar_t first[1024];
+    DWORD capacity = sizeof(first) / sizeof(first[0]);
+    CountInstallerCall();
+    UINT status = call(first, &capacity);
+    if (status == ERROR_SUCCESS) {
+        out.assign(first, capacity < sizeof(first) / sizeof(first[0]) ? capacity : 0);
+        return status;
+    }
     // The value may change between the calls (another thread of the installer
     // sets a property); a few rounds settle it, more would mean a livelock.
+    std::wstring buffer;
     for (int round = 0; round < 8 && status == ERROR_MORE_DATA; ++round) {
-        std::wstring buffer(static_cast<std::size_t>(size) + 1, L'\0');
-        DWORD capacity = size + 1;
+        buffer.assign(static_cast<std::size_t>(capacity) + 1, L'\0');
+        capacity = static_cast<DWORD>(buffer.size() + 1);
+        CountInstallerCall();
         status = call(buffer.data(), &capacity);
-        if (status == ERROR_SUCCESS) {
-            buffer.resize(capacity < buffer.size() ? capacity : buffer.size() - 1);
-            out = std::move(buffer);
-            return ERROR_SUCCESS;
-        }
-        size = capacity;
     }
-    if (status == ERROR_SUCCESS) out.clear();
+    if (status == ERROR_SUCCESS) out.assign(buffer.data(), capacity < buffer.size() ? capacity : buffer.size());
     return status;
 }
 

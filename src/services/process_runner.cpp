@@ -59,6 +59,7 @@ void ProcessRunner::RunProcess(const std::wstring& commandLine) {
     commandLine_ = commandLine;
     LogInfo(L"Start process: %s.", commandLine_);
     StartProcess();
+    FlushLog();  // what the action said so far reaches the log before the wait
     if (::WaitForSingleObject(state_->process.Get(), waitMilliseconds_) != WAIT_OBJECT_0) {
         Throw(kWaitTimeout, L"The wait process operation timed out.");
     }

@@ -46,7 +46,7 @@ class TextFiles(unittest.TestCase):
             ("L5", "[INSTALLDIR][\\[]ProductName[\\]] notes.txt", "n", "Main", ""),
         ])
         target = package.install_dir(self.prefix)
-        code, log = self.run_msiexec(package, "/i")
+        code, log = self.run_msiexec(package, "/i", "LOGVERBOSE=1")  # verbose: the content is logged in full
         self.assertEqual(code, 0, log[-4000:])
         # First row as it is, each later row followed by a line feed.
         self.assertEqual((target / "app.ini").read_bytes(), utf16(package.name + "version=1.0.0\n[section]\n"))

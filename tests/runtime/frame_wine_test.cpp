@@ -172,27 +172,5 @@ TEST_F(ActionFrameTest, TheVerboseDecisionIsMadeOncePerProcessAndPublished) {
         << capture.AllInfo();
 }
 
-TEST_F(ActionFrameTest, BatchedLinesTravelTogetherAndTheRestFlushesAtTheEnd) {
-    MessageCapture capture;
-    RunAction(Session(), "FrameBatch", ActionError::None, [](setup::Session&) {
-        SetLogBatch(100);
-        for (int i = 0; i < 150; ++i) LogInfo(L"line %d", i);
-        SetLogBatch(0);
-    });
-    // Lines 0..100 travel as one message; 101..149 wait for the threshold to
-    // drop back to 0 and leave with the finish line.
-    std::vector<std::wstring> batches;
-    for (const auto& m : capture.Info()) {
-        if (m.find(L'\n') != std::wstring::npos) batches.push_back(m);
-    }
-    ASSERT_EQ(batches.size(), 2u) << capture.AllInfo();
-    EXPECT_NE(batches[0].find(L"]: line 0\n"), std::wstring::npos);
-    EXPECT_EQ(batches[0].substr(batches[0].size() - 11), L"]: line 100");
-    EXPECT_NE(batches[1].find(L"]: line 101\n"), std::wstring::npos);
-    EXPECT_EQ(std::count(batches[1].begin(), batches[1].end(), L'\n'), 49);
-    EXPECT_NE(capture.AllInfo().find(L"line 149"), std::wstring::npos);
-    EXPECT_TRUE(capture.HasInfo(L"FrameBatch: finished. Return value 0."));
-}
-
 }  // namespace
 }  // namespace setup

@@ -144,9 +144,16 @@ MessageCapture::MessageCapture(std::function<int(UINT, const std::wstring&)> rep
 MessageCapture::~MessageCapture() { ::MsiSetExternalUIW(previous_, 0, nullptr); }
 
 std::vector<std::wstring> MessageCapture::Info() const {
+    // One message may carry a batch of lines.
     std::vector<std::wstring> lines;
     for (const Message& m : messages) {
-        if ((m.type & 0xFF000000) == INSTALLMESSAGE_INFO) lines.push_back(m.text);
+        if ((m.type & 0xFF000000) != INSTALLMESSAGE_INFO) continue;
+        for (std::size_t start = 0;;) {
+            const std::size_t end = m.text.find(L'\n', start);
+            lines.push_back(m.text.substr(start, end - start));
+            if (end == std::wstring::npos) break;
+            start = end + 1;
+        }
     }
     return lines;
 }

@@ -76,7 +76,7 @@ public:
     explicit MessageCapture(std::function<int(UINT type, const std::wstring& text)> reply = {});
     ~MessageCapture();
 
-    std::vector<std::wstring> Info() const;      // information messages, in order
+    std::vector<std::wstring> Info() const;      // lines of the information messages, in order
     std::vector<std::wstring> Errors() const;    // error messages
     bool HasInfo(const std::wstring& text) const;  // some information line ends with `text`
     std::wstring AllInfo() const;                // every information line, joined by '\n'

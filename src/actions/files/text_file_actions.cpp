@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "actions/files/text_file_plan.h"
+#include "runtime/ca_runtime.h"
 #include "runtime/exception.h"
 #include "runtime/program_log.h"
 #include "runtime/throw.h"
@@ -26,10 +27,17 @@ public:
     explicit InstallerMachine(const Session& session) : session_(session) {}
     bool FileExists(const std::wstring& path) override { return setup::FileExists(path); }
     std::wstring NewUuid() override { return CreateUuidString(); }
-    std::wstring LockFilesOnUpdate() override { return session_.GetProperty(L"LOCKFILESONUPDATE"); }
+    // Read once per action: the property does not change while it runs.
+    std::wstring LockFilesOnUpdate() override {
+        if (!lock_) lock_ = session_.GetProperty(L"LOCKFILESONUPDATE");
+        return *lock_;
+    }
+
+    bool LogContentInFull() override { return CaIsVerbose(); }
 
 private:
     const Session& session_;
+    std::optional<std::wstring> lock_;
 };
 
 // The table's rows, or nothing when the package has no such table.

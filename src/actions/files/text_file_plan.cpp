@@ -1,5 +1,6 @@
 #include "actions/files/text_file_plan.h"
 
+#include <algorithm>
 #include <map>
 
 #include "runtime/action_data.h"
@@ -65,7 +66,13 @@ std::vector<TextFileItem> PlanTextFiles(const std::vector<TextFileRow>& rows, Co
         if (machine.FileExists(path)) item.rbf = JoinPath(DirectoryOf(path), machine.NewUuid());
         if (machine.LockFilesOnUpdate() == L"1") item.atr |= kTextFileReplaceAtReboot;
         item.content = std::move(content);
-        log.Info(L"Generated text file content:\n%s", WithoutBrackets(item.content));
+        if (machine.LogContentInFull()) {
+            log.Info(L"Generated text file content:\n%s", WithoutBrackets(item.content));
+        } else {
+            const auto lines = std::count(item.content.begin(), item.content.end(), L'\n') + 1;
+            log.Info(L"Generated text file content: %u characters in %u lines (verbose logging shows it).",
+                     item.content.size(), static_cast<std::size_t>(lines));
+        }
         log.Info(L"The text file %s (%d) was successfully configured.", item.path, item.atr);
         items.push_back(std::move(item));
     }

@@ -42,6 +42,7 @@ public:
     virtual bool FileExists(const std::wstring& path) = 0;  // a file, not a directory
     virtual std::wstring NewUuid() = 0;                     // UuidToStringW form
     virtual std::wstring LockFilesOnUpdate() = 0;           // the property's value
+    virtual bool LogContentInFull() = 0;                    // verbose logging: the whole content
 };
 
 // The install decision for one row, with the text-line wording.

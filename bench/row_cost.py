@@ -1,0 +1,156 @@
+#!/usr/bin/env python3
+"""Row cost against the installer's own standard actions, through real msiexec.
+
+For N rows (1,000 and 10,000) three packages are built from the same base: a
+baseline with no rows, one with N TextFile rows (this library) and one with N
+IniFile rows (the installer's WriteIniValues), each over 100 target files.
+Rounds interleave the three; every run gets a fresh copy of the template
+prefix with its server warm, and a verbose log. Printed per row: the excess
+over the baseline in wall time and CPU (msiexec and its processes, and the
+prefix's wineserver), for install and uninstall, min/median/max over the
+rounds, and the ratio TextFile/IniFile of the medians. The installer calls
+the library made per row are counted from a run with the verbose-level
+statistics line ("Installer calls: N.").
+
+  bench/row_cost.py [--rows 1000,10000] [--rounds 3]
+"""
+
+import argparse
+import os
+import re
+import shutil
+import statistics
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[1]
+sys.path.insert(0, str(ROOT / "tools"))
+
+from msipackage import BUILD, Package, Prefix, library_lines  # noqa: E402
+
+FILES = 100
+TEMPLATE = Path(os.environ.get("UTILS_WINE_TEMPLATE", BUILD / "wine" / "template"))
+PREFIX = BUILD / "bench" / "prefix"
+TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
+INI_HEADER = ["IniFile\tFileName\tDirProperty\tSection\tKey\tValue\tAction\tComponent_",
+              "s72\tl255\tS72\tl96\tl128\tl255\ti2\ts72", "IniFile\tIniFile"]
+
+
+def package(kind, rows):
+    name = f"RowCost{kind}{rows}"
+    p = Package(name, directory="RowCost").add_component("Main", [("readme", "readme.txt", "r")])
+    if kind == "text":
+        p.use_kit(*TEXT_ACTIONS)
+        p.add_table("TextFile", [(f"L{i}", f"[INSTALLDIR]file{i % FILES}.ini", f"key{i}=value {i} of [ProductName]",
+                                  "Main", "") for i in range(rows)])
+    elif kind == "ini":
+        p.tables["IniFile"] = (INI_HEADER, [[f"I{i}", f"file{i % FILES}.ini", "INSTALLDIR", "settings", f"key{i}",
+                                             f"value {i} of [ProductName]", "0", "Main"] for i in range(rows)])
+        p.sequence += [["WriteIniValues", "", "5100"], ["RemoveIniValues", "", "3800"]]
+    return p
+
+
+def cpu_of(pid):
+    """utime + stime of a process, in seconds."""
+    try:
+        fields = Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    except (OSError, IndexError):
+        return 0.0
+
+
+def wineserver_pid(env):
+    out = subprocess.run(["pgrep", "-f", "wineserver"], capture_output=True, text=True).stdout.split()
+    for pid in out:
+        try:
+            if Path(f"/proc/{pid}/environ").read_bytes().find(f"WINEPREFIX={env['WINEPREFIX']}".encode()) >= 0:
+                return int(pid)
+        except OSError:
+            pass
+    # The server of a prefix has its directory as working directory.
+    for pid in out:
+        try:
+            if os.readlink(f"/proc/{pid}/cwd").startswith(env["WINEPREFIX"]):
+                return int(pid)
+        except OSError:
+            pass
+    return None
+
+
+def fresh_prefix():
+    env = dict(os.environ, WINEPREFIX=str(PREFIX), WINEDEBUG="-all", WINEDLLOVERRIDES="mscoree,mshtml=")
+    subprocess.run(["wineserver", "-k"], env=env, capture_output=True)
+    shutil.rmtree(PREFIX, ignore_errors=True)
+    PREFIX.parent.mkdir(parents=True, exist_ok=True)
+    subprocess.run(["cp", "-a", str(TEMPLATE), str(PREFIX)], check=True)
+    os.environ["WINEPREFIX"] = str(PREFIX)
+    prefix = Prefix()  # starts the server and keeps it warm
+    prefix.wine("cmd", "/c", "exit", "0", timeout=120)
+    return prefix
+
+
+def timed(prefix, *args, log):
+    server = wineserver_pid(prefix.env)
+    server_cpu = cpu_of(server) if server else 0.0
+    children = os.times()
+    start = time.monotonic()
+    code, text = prefix.msiexec(*args, log=log)
+    wall = time.monotonic() - start
+    after = os.times()
+    cpu = (after.children_user - children.children_user) + (after.children_system - children.children_system)
+    cpu += (cpu_of(server) - server_cpu) if server else 0.0
+    if code != 0:
+        raise SystemExit(f"row_cost: msiexec {args[0]} failed with {code}; see {log}")
+    return wall, cpu, text
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--rows", default="1000,10000")
+    parser.add_argument("--rounds", type=int, default=3)
+    args = parser.parse_args()
+    work = BUILD / "bench" / "row-cost"
+    shutil.rmtree(work, ignore_errors=True)
+    work.mkdir(parents=True)
+    for rows in (int(r) for r in args.rows.split(",")):
+        msis = {kind: package(kind, rows).build(work) for kind in ("base", "text", "ini")}
+        results = {kind: {"install": [], "uninstall": []} for kind in msis}
+        calls = None
+        for round_ in range(args.rounds):
+            for kind, msi in msis.items():
+                prefix = fresh_prefix()
+                log = work / f"{kind}-{rows}-{round_}.log"
+                wall, cpu, text = timed(prefix, "/i", prefix.windows_path(msi), log=log)
+                results[kind]["install"].append((wall, cpu))
+                if kind == "text" and calls is None:
+                    found = [int(m) for line in library_lines(text, "InstallTextFiles")
+                             for m in re.findall(r"^Installer calls: (\d+)\.$", line)]
+                    calls = found[0] if found else None
+                wall, cpu, _ = timed(prefix, "/x", prefix.windows_path(msi), log=work / f"{kind}-{rows}-{round_}-x.log")
+                results[kind]["uninstall"].append((wall, cpu))
+        print(f"== {rows} rows over {FILES} files, {args.rounds} interleaved rounds (per row, excess over the "
+              f"baseline package)")
+        for phase in ("install", "uninstall"):
+            base_wall = statistics.median(w for w, _ in results["base"][phase])
+            base_cpu = statistics.median(c for _, c in results["base"][phase])
+            medians = {}
+            for kind in ("text", "ini"):
+                walls = [1000 * (w - base_wall) / rows for w, _ in results[kind][phase]]
+                cpus = [1000 * (c - base_cpu) / rows for _, c in results[kind][phase]]
+                medians[kind] = (statistics.median(walls), statistics.median(cpus))
+                label = "TextFile" if kind == "text" else "IniFile "
+                print(f"   {phase:9} {label} wall ms/row min {min(walls):6.3f} median {medians[kind][0]:6.3f} "
+                      f"max {max(walls):6.3f} | cpu ms/row min {min(cpus):6.3f} median {medians[kind][1]:6.3f} "
+                      f"max {max(cpus):6.3f}")
+            ratio_wall = medians["text"][0] / medians["ini"][0] if medians["ini"][0] > 0 else float("nan")
+            ratio_cpu = medians["text"][1] / medians["ini"][1] if medians["ini"][1] > 0 else float("nan")
+            print(f"   {phase:9} ratio TextFile/IniFile: wall {ratio_wall:.2f}, cpu {ratio_cpu:.2f}")
+        if calls is not None:
+            print(f"   installer calls of InstallTextFiles: {calls}, {calls / rows:.2f} per row")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
