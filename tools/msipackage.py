@@ -172,8 +172,9 @@ class Package:
         self.directory = directory or f"SetupUtilsTest{uuid.uuid4().hex[:8]}"
         self.components = {}     # component -> list of (file id, file name, content)
         self.properties = {}
-        self.custom_actions = []  # rows: Action, Type, Source, Target
-        self.sequence = []       # rows: Action, Condition, Sequence
+        self.kit_actions = []    # actions of the kit (tools/add-setup-utils adds them)
+        self.custom_actions = []  # the test's own rows: Action, Type, Source, Target
+        self.sequence = []       # the test's own rows: Action, Condition, Sequence
         self.tables = {}         # table name -> (header, rows)
 
     def add_component(self, component, files=()):
@@ -185,15 +186,8 @@ class Package:
         return self
 
     def use_kit(self, *actions):
-        """Adds the kit's CustomAction rows and recommended sequence for `actions`."""
-        _, ca_rows = read_idt(KIT / "CustomAction.idt")
-        _, seq_rows = read_idt(KIT / "InstallExecuteSequence.idt")
-        for row in ca_rows:
-            if row[0] in actions:
-                self.custom_actions.append(row)
-        for row in seq_rows:
-            if row[0] in actions:
-                self.sequence.append(row)
+        """The kit's CustomAction rows and recommended sequence for `actions`."""
+        self.kit_actions += actions
         return self
 
     def add_table(self, idt_name, rows):
@@ -242,7 +236,6 @@ class Package:
       </Directory>
     </Directory>
     <Feature Id="Complete" Level="1">{"".join(refs)}</Feature>
-    <Binary Id="SetupUtils" SourceFile="utils.dll"/>
   </Product>
 </Wix>
 """
@@ -256,19 +249,24 @@ class Package:
         try:
             wxs = work / "base.wxs"
             wxs.write_text(self._wxs(work), encoding="utf-8")
-            shutil.copyfile(DLL, work / "utils.dll")
             subprocess.run(["wixl", "-a", "x64", "-o", str(msi), "base.wxs"], cwd=work, check=True,
                            capture_output=True)
+            # The library as an author adds it: the kit's tool, merging.
+            # A test that loosens a kit table's columns (to plant an empty
+            # value) brings its own definition, without the kit's validation.
+            kit_tables = [t for t, (header, _) in self.tables.items()
+                          if (KIT / f"{t}.idt").exists() and read_idt(KIT / f"{t}.idt")[0] == header]
+            subprocess.run([str(ROOT / "tools" / "add-setup-utils"), str(msi), "--dll", str(DLL),
+                            "--tables", ",".join(kit_tables), "--actions", ",".join(self.kit_actions)],
+                           check=True, capture_output=True)
             args = ["msibuild", str(msi)]
             for name, (header, rows) in self.tables.items():
                 path = work / f"{name}.idt"
                 write_idt(path, header, rows)
                 args += ["-i", str(path)]
-            if self.custom_actions:
-                header, _ = read_idt(KIT / "CustomAction.idt")
-                path = work / "CustomAction.idt"
-                write_idt(path, header, self.custom_actions)
-                args += ["-i", str(path)]
+            for action, type_, source, target in self.custom_actions:
+                args += ["-q", f"INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) "
+                               f"VALUES ('{action}', {type_}, '{source}', '{target}')"]
             for action, condition, seq in self.sequence:
                 if condition:
                     cond = condition.replace("'", "''")

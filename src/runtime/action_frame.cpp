@@ -34,6 +34,24 @@ UINT RunWork(MSIHANDLE hInstall, ActionError error, const ActionWork& work) {
     }
 }
 
+// The values of the properties named in MsiHiddenProperties. Only immediate
+// actions can read them; the deferred ones see their action data alone.
+std::vector<std::wstring> HiddenValues(MSIHANDLE hInstall) {
+    std::vector<std::wstring> values;
+    const Session session(hInstall);
+    const std::wstring names = session.GetProperty(L"MsiHiddenProperties");
+    for (std::size_t start = 0; start < names.size();) {
+        std::size_t end = names.find(L';', start);
+        if (end == std::wstring::npos) end = names.size();
+        if (end > start) {
+            std::wstring value = session.GetProperty(names.substr(start, end - start));
+            if (!value.empty()) values.push_back(std::move(value));
+        }
+        start = end + 1;
+    }
+    return values;
+}
+
 // The last word when even logging failed (out of memory): a fixed text that
 // needs no allocation of ours, and nothing that can throw.
 void LogLastResort(MSIHANDLE hInstall, const char* name) noexcept {
@@ -53,6 +71,7 @@ UINT RunAction(MSIHANDLE hInstall, const char* name, ActionError error, const Ac
     try {
         ResetInstallerCallCount();
         CaInitialize(hInstall, name);
+        SetLogSecrets(HiddenValues(hInstall));
         // Lines travel to the installer a hundred at a time (each message is
         // a round trip); whatever is pending leaves with the finish line, and
         // before anything that waits (a child process).
@@ -63,8 +82,13 @@ UINT RunAction(MSIHANDLE hInstall, const char* name, ActionError error, const Ac
         LogInfo(L"%s: finished. Return value %d.", name, result);
         SetLogBatch(0);
         FlushLog();
+        SetLogSecrets({});
         return CaFinalize(result);
     } catch (...) {
+        try {
+            SetLogSecrets({});
+        } catch (...) {  // nothing more to do without memory
+        }
         DiscardLog();
         LogLastResort(hInstall, name);
         CaFinalize(ERROR_INSTALL_FAILURE);

@@ -7,10 +7,19 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace setup {
 
 // `text` with every '[' written as "[\[]" and every ']' as "[\]]".
 std::wstring EscapeLogText(std::wstring_view text);
+
+// Values shorter than this are not masked: a one- or two-character value
+// would blot out every such character of the log and protect nothing.
+inline constexpr std::size_t kShortestMaskedSecret = 4;
+
+// `text` with every occurrence of each secret (the values of the properties
+// named in MsiHiddenProperties) replaced by "***"; longer secrets first.
+std::wstring MaskSecrets(std::wstring_view text, const std::vector<std::wstring>& secrets);
 
 }  // namespace setup

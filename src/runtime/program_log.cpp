@@ -1,5 +1,7 @@
 #include "runtime/program_log.h"
 
+#include <mutex>
+
 #include "runtime/ca_runtime.h"
 #include "runtime/installer_calls.h"
 #include "runtime/log_buffer.h"
@@ -21,6 +23,9 @@ void SendToInstaller(const std::wstring& message) {
     ::MsiProcessMessage(CaInstallHandle(), INSTALLMESSAGE_INFO, record.Get());
 }
 
+std::mutex g_secretsLock;
+std::vector<std::wstring> g_secrets;
+
 LogBuffer& Buffer() {
     static LogBuffer buffer(&SendToInstaller);
     return buffer;
@@ -39,8 +44,16 @@ void LogLine(const std::wstring& text) {
                                now.wSecond, now.wMilliseconds);
     // The text itself is escaped too: a path or a tool's output holding
     // brackets is logged as it is, never expanded.
-    line.append(EscapeLogText(text));
+    {
+        std::lock_guard<std::mutex> guard(g_secretsLock);
+        line.append(EscapeLogText(g_secrets.empty() ? text : MaskSecrets(text, g_secrets)));
+    }
     Buffer().Append(line);
+}
+
+void SetLogSecrets(std::vector<std::wstring> secrets) {
+    std::lock_guard<std::mutex> guard(g_secretsLock);
+    g_secrets = std::move(secrets);
 }
 
 void SetLogBatch(unsigned threshold) { Buffer().SetThreshold(threshold); }

@@ -8,6 +8,7 @@
 // sending are ignored: logging never throws to its caller.
 
 #include <string>
+#include <vector>
 
 #include "runtime/format.h"
 #include "runtime/log_sink.h"
@@ -20,6 +21,10 @@ template <class... Args>
 void LogInfo(FormatString<Args...> format, const Args&... args) {
     LogLine(Format(format, args...));
 }
+
+// The values no line may show (the hidden properties' values, see
+// MaskSecrets); set by the frame for the duration of one action.
+void SetLogSecrets(std::vector<std::wstring> secrets);
 
 // Lines travel in one message once more than `threshold` are pending; features
 // that log per file raise it to 100 and set it back to 0 when done.

@@ -67,6 +67,19 @@ class TextFiles(unittest.TestCase):
         self.assertEqual(self.lines(log, "InstallTextFilesCommit")[-1],
                          "InstallTextFilesCommit: finished. Return value 0.")
 
+    def test_a_hidden_property_never_reaches_the_librarys_log(self):
+        package = self.make([("L1", "[INSTALLDIR]secret.ini", "password=[PASSWORD]", "Main", "")],
+                            PASSWORD="Sup3rSecret", MsiHiddenProperties="PASSWORD")
+        code, log = self.run_msiexec(package, "/i", "LOGVERBOSE=1")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertEqual((package.install_dir(self.prefix) / "secret.ini").read_bytes(), utf16("password=Sup3rSecret"))
+        self.assertIn("Generated text file content:\npassword=***", log)
+        # Wine's own property dump at the end prints every property, the
+        # deferred actions' data too (Windows masks hidden ones): the
+        # installer's lines, not the library's.
+        leaks = [line for line in log.splitlines() if "Sup3rSecret" in line and not line.startswith("Property(")]
+        self.assertEqual(leaks, [])
+
     def test_rollback_restores_an_existing_target_and_deletes_a_new_one(self):
         package = self.make([
             ("L1", "[INSTALLDIR]app.ini", "new content", "Main", ""),

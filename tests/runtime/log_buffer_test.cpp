@@ -20,6 +20,13 @@ TEST(LogEscape, BracketsBecomeTheInstallersEscapes) {
     EXPECT_EQ(EscapeLogText(L"{plain} text %s"), L"{plain} text %s");
 }
 
+TEST(LogEscape, SecretsAreMaskedWholeAndShortValuesAreLeft) {
+    EXPECT_EQ(MaskSecrets(L"user=admin password=Sup3rSecret; again Sup3rSecret", {L"Sup3rSecret", L"ab"}),
+              L"user=admin password=***; again ***");
+    EXPECT_EQ(MaskSecrets(L"key=secretsecret2", {L"secret", L"secretsecret2"}), L"key=***");  // longest first
+    EXPECT_EQ(MaskSecrets(L"abc", {}), L"abc");
+}
+
 TEST(LogBuffer, SendsEachLineAtOnceWithTheDefaultThreshold) {
     std::vector<std::wstring> sent;
     LogBuffer buffer([&](const std::wstring& m) { sent.push_back(m); });
