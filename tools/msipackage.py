@@ -27,8 +27,10 @@ ARCH = os.environ.get("UTILS_ARCH", "x64")
 # Where a process of the DLL's architecture finds C:\windows\system32: a
 # 32-bit process is redirected to syswow64, so 32-bit doubles of system tools go there.
 SYSTEM_DIR = "windows/syswow64" if ARCH == "x86" else "windows/system32"
-# Test programs built for the DLL's architecture (doubles, helpers).
+# Test programs built for the DLL's architecture (helpers), and the stand-ins
+# for system tools that authors use too.
 TEST_TOOLS = DLL.parent / "tests"
+DOUBLES = DLL.parent / "tools"
 MSIEXEC_TIMEOUT = 180
 
 

@@ -21,7 +21,7 @@ import tempfile
 import time
 from pathlib import Path
 
-from msipackage import BUILD, TEST_TOOLS, read_log
+from msipackage import BUILD, DOUBLES, TEST_TOOLS, read_log
 
 SESSION_MANAGER = r"HKLM\SYSTEM\CurrentControlSet\Control\Session Manager"
 RENAMES = "PendingFileRenameOperations"
@@ -176,7 +176,7 @@ class HeldFile:
 class WevtutilDouble:
     """Wine's own wevtutil.exe succeeds at everything, so the prefix gets a
     double that records its command lines and fails on request (see
-    tests/tools/wevtutil_double.cpp), preferred over the builtin by a DLL
+    tools/doubles/wevtutil_double.cpp), preferred over the builtin by a DLL
     override in the environment msiexec and its custom action server inherit.
     It goes where the DLL's process looks for system32 (syswow64 for the
     32-bit DLL)."""
@@ -194,7 +194,7 @@ class WevtutilDouble:
         self.saved.parent.mkdir(parents=True, exist_ok=True)
         if not self.saved.exists():
             shutil.copyfile(self.tool, self.saved)
-        shutil.copyfile(TEST_TOOLS / "wevtutil_double.exe", self.tool)
+        shutil.copyfile(DOUBLES / "wevtutil_double.exe", self.tool)
         return self
 
     def restore(self):

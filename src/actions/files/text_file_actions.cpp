@@ -34,6 +34,7 @@ public:
     }
 
     bool LogContentInFull() override { return CaIsVerbose(); }
+    std::wstring Format(const std::wstring& text) override { return session_.FormatText(text); }
 
 private:
     const Session& session_;
@@ -47,8 +48,8 @@ std::optional<std::vector<TextFileRow>> ReadRows(const Session& session) {
         TextFileRow row;
         row.id = record.GetString(1);
         if (row.id.empty()) Throw(kFail, L"The id is empty");
-        row.file = session.FormatText(record.GetString(2));
-        row.text = session.FormatText(record.GetString(3));
+        row.file = record.GetString(2);
+        row.text = record.GetString(3);
         row.component = record.GetString(4);
         if (row.component.empty()) Throw(kFail, L"The component is empty in " + row.id);
         row.condition = record.GetString(5);

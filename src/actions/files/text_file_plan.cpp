@@ -47,15 +47,17 @@ std::vector<TextFileItem> PlanTextFiles(const std::vector<TextFileRow>& rows, Co
     std::map<std::wstring, std::wstring> contents;
     for (const TextFileRow& row : rows) {
         if (!DecideTextLine(states, row, log).Chosen()) continue;
+        // Formatted only now: a row that is skipped costs no formatting.
+        const std::wstring file = machine.Format(row.file);
         // Caught here, naming the row, before anything is scheduled.
-        if (row.file.empty()) throw Exception(kFail, L"The file is empty in " + row.id);
-        const std::wstring problem = PathProblem(row.file);
+        if (file.empty()) throw Exception(kFail, L"The file is empty in " + row.id);
+        const std::wstring problem = PathProblem(file);
         if (!problem.empty()) {
-            throw Exception(kInvalidArgument, L"The file '" + row.file + L"' of text line '" + row.id +
+            throw Exception(kInvalidArgument, L"The file '" + file + L"' of text line '" + row.id +
                                                   L"' is refused: " + problem + L".");
         }
-        auto [it, first] = contents.try_emplace(row.file);
-        AppendTextLine(it->second, row.text, first);
+        auto [it, first] = contents.try_emplace(file);
+        AppendTextLine(it->second, machine.Format(row.text), first);
     }
     std::vector<TextFileItem> items;
     items.reserve(contents.size());

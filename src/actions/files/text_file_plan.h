@@ -15,11 +15,12 @@
 
 namespace setup {
 
-// One row as read from the package: File and Text already formatted.
+// One row as read from the package: File and Text as the table holds them
+// (the planner formats them for the rows it keeps).
 struct TextFileRow {
     std::wstring id;         // TextFile
-    std::wstring file;       // target path
-    std::wstring text;       // the line
+    std::wstring file;       // target path, unformatted
+    std::wstring text;       // the line, unformatted
     std::wstring component;  // Component_
     std::wstring condition;  // may be empty
 };
@@ -43,6 +44,7 @@ public:
     virtual std::wstring NewUuid() = 0;                     // UuidToStringW form
     virtual std::wstring LockFilesOnUpdate() = 0;           // the property's value
     virtual bool LogContentInFull() = 0;                    // verbose logging: the whole content
+    virtual std::wstring Format(const std::wstring& text) = 0;  // the installer's formatting
 };
 
 // The install decision for one row, with the text-line wording.

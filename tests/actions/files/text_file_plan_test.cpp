@@ -21,6 +21,7 @@ public:
         return lock;
     }
     bool LogContentInFull() override { return verbose; }
+    std::wstring Format(const std::wstring& text) override { return text; }
     std::set<std::wstring> files;  // existing files; a directory is simply not listed
     bool verbose = true;
     std::wstring lock;
