@@ -10,6 +10,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tools"))
 
+from machine_state import MachineState, differences  # noqa: E402
 from msipackage import ARCH, BUILD, DLL, Package, Prefix, library_lines, properties  # noqa: E402
 
 
@@ -76,13 +77,18 @@ def main():
 
     failing = demo_package("SetupUtilsDemoFailing", fail=True)
     msi = failing.build(work)
+    state = MachineState(prefix, [install_dir])
+    before = state.capture()
     code, log = prefix.msiexec("/i", prefix.windows_path(msi), log=work / "failing.log")
+    diff = differences(before, state.capture())
     print(f"\nInstall with a deliberately failing step: exit code {code} (log: {work / 'failing.log'})")
     show("InstallTextFilesDeferred logged", library_lines(log, "InstallTextFilesDeferred"))
     show("InstallTextFilesRollback logged", library_lines(log, "InstallTextFilesRollback"))
     show("InstallEventManifestRollback logged (the manifest is unregistered again)",
          library_lines(log, "InstallEventManifestRollback"))
     show("settings.ini after the rollback (the previous file, byte for byte)", show_file(settings))
+    show("The install folder and the restart-time rename list after the rollback, against before",
+         diff or ["identical: bytes, times, attributes, and the rename list"])
 
     package = demo_package("SetupUtilsDemo")
     msi = package.build(work)

@@ -90,18 +90,6 @@ class EventManifests(unittest.TestCase):
                       "Error 0x80004005.", rollback)
         self.assertEqual(rollback[-1], "InstallEventManifestRollback: finished. Return value 0.")
 
-    def test_failed_uninstall_registers_again_and_ignores_failures(self):
-        package = self.make().fail_at(3495, 'REMOVE="ALL"')  # after the unregistration is scheduled
-        code, log = self.run_msiexec(package, "/i", log="install.log")
-        self.assertEqual(code, 0, log[-4000:])
-        self.double.calls_path.unlink()
-        self.fail_when((command("im", self.paths[0]), 3))
-        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
-        self.assertEqual(code, 1603, log[-4000:])
-        self.assertEqual(self.calls(), [command("um", p) for p in self.paths] + [command("im", p) for p in self.paths])
-        self.assertIn(f"Ignore: failed to register event manifest '{self.paths[0]}'. Process returned error 3 "
-                      "Error 0x80004005.", library_lines(log, "UninstallEventManifestRollback"))
-
     def test_missing_tool_skips_both_actions_and_schedules_nothing(self):
         package = self.make()
         self.double.tool.unlink()

@@ -3,7 +3,6 @@ import unittest
 from msipackage import Package, Prefix, library_lines, scratch_dir
 
 ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
-FAIL_AT = 6550  # after the text files are written, before InstallFinalize
 
 
 def utf16(text):
@@ -80,28 +79,6 @@ class TextFiles(unittest.TestCase):
         leaks = [line for line in log.splitlines() if "Sup3rSecret" in line and not line.startswith("Property(")]
         self.assertEqual(leaks, [])
 
-    def test_rollback_restores_an_existing_target_and_deletes_a_new_one(self):
-        package = self.make([
-            ("L1", "[INSTALLDIR]app.ini", "new content", "Main", ""),
-            ("L2", "[INSTALLDIR]fresh.ini", "fresh", "Main", ""),
-        ]).fail_at(FAIL_AT)
-        target = package.install_dir(self.prefix)
-        target.mkdir(parents=True)
-        original = b"\xff\xfeo\x00l\x00d\x00 bytes that are not even valid UTF-16 \x01"
-        (target / "app.ini").write_bytes(original)
-        code, log = self.run_msiexec(package, "/i")
-        self.assertEqual(code, 1603, log[-4000:])
-        self.assertEqual((target / "app.ini").read_bytes(), original)
-        self.assertFalse((target / "fresh.ini").exists())
-        self.assertEqual(sorted(p.name for p in target.iterdir()), ["app.ini"])  # no backup left behind
-        deferred = self.lines(log, "InstallTextFilesDeferred")
-        backup = [l for l in deferred if l.startswith("Backing up file ")]
-        self.assertEqual(len(backup), 1, deferred)
-        rollback = self.lines(log, "InstallTextFilesRollback")
-        self.assertTrue(any(l.startswith("Rollback file 'C:\\Program Files\\") for l in rollback), rollback)
-        self.assertTrue(any(l.startswith("Delete file '") and l.endswith("fresh.ini'.") for l in rollback), rollback)
-        self.assertEqual(self.lines(log, "InstallTextFilesCommit"), [])  # commit never ran
-
     def test_lock_files_on_update_replaces_the_target_at_restart(self):
         package = self.make([("L1", "[INSTALLDIR]locked.ini", "replaced", "Main", "")], LOCKFILESONUPDATE="1")
         target = package.install_dir(self.prefix)
@@ -119,21 +96,6 @@ class TextFiles(unittest.TestCase):
         self.prefix.restart()
         self.assertEqual((target / "locked.ini").read_bytes(), utf16("replaced"))
         self.assertEqual(sorted(p.name for p in target.iterdir()), ["locked.ini", "readme.txt"])
-
-    def test_rollback_takes_back_the_restart_time_replacement(self):
-        package = self.make([("L1", "[INSTALLDIR]locked.ini", "replaced", "Main", "")],
-                            LOCKFILESONUPDATE="1").fail_at(FAIL_AT)
-        target = package.install_dir(self.prefix)
-        target.mkdir(parents=True)
-        (target / "locked.ini").write_bytes(utf16("original"))
-        code, log = self.run_msiexec(package, "/i")
-        self.assertEqual(code, 1603, log[-4000:])
-        self.assertEqual(self.prefix.pending_renames(), [])
-        self.assertEqual(sorted(p.name for p in target.iterdir()), ["locked.ini"])  # no TMP, no backup
-        self.assertEqual((target / "locked.ini").read_bytes(), utf16("original"))
-        rollback = self.lines(log, "InstallTextFilesRollback")
-        self.assertTrue(any(l.startswith("Need to rollback pending rename operations of ") for l in rollback))
-        self.assertIn("Delete rollback files.", rollback)
 
     def test_any_other_lock_value_writes_at_once(self):
         package = self.make([("L1", "[INSTALLDIR]now.ini", "now", "Main", "")], LOCKFILESONUPDATE="true")

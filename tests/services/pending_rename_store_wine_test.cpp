@@ -87,19 +87,6 @@ TEST_F(PendingRenameStoreTest, RollbackTakesBackACopyAtRestartAndDeletesOnlyTheS
         staged.handle.Reset();
         MoveFileOnReboot(staged.path, target);
     };
-    SavedPendingRenames::Remove();
-    const PendingRenameSnapshot absent = TakePendingRenameSnapshot();
-    Logged(stage);
-    const PendingRenameList ours = test::QueuedRenames();
-    ASSERT_EQ(ours.size(), 2u);
-    const std::wstring staged = ours[1].source;
-    // Rolled back alone, the value goes as it came: there was none.
-    Logged([&] { RollbackPendingRenames(absent, {target}); });
-    std::wstring raw;
-    DWORD type = 0;
-    EXPECT_FALSE(SavedPendingRenames::ReadRaw(raw, type));
-    EXPECT_FALSE(FileExists(staged));
-
     WritePendingRenames({{L"\\??\\C:\\foreign\\before", L""}});
     const PendingRenameSnapshot snapshot = TakePendingRenameSnapshot();
     Logged(stage);

@@ -1,9 +1,11 @@
 """The whole machine state an action family can touch, recorded before an
-install and compared after it: what the fault-injection tests prove exact.
+install and compared after it: what the fault-injection tests prove exact,
+and what the demo (or an author testing a package under Wine) uses to show
+that a failed install left nothing behind.
 
 Recorded:
 - every file and folder under the watched folders: bytes, size, last-write
-  time (nanoseconds), permission bits (Wine's read-only attribute) and
+  time (in Windows' units of 100 ns), permission bits (Wine's read-only attribute) and
   extended attributes (Wine's other DOS attributes); a folder's own times are
   left out: they change whenever an entry comes and goes, on Windows as here;
 - the restart-time rename list exactly as `reg export` renders it (every byte
@@ -85,7 +87,9 @@ def file_state(path):
     if path.is_dir():
         return ("dir", st.st_mode & 0o777, xattrs)
     digest = hashlib.sha256(path.read_bytes()).hexdigest()
-    return ("file", st.st_size, digest, st.st_mtime_ns, st.st_mode & 0o777, xattrs)
+    # Windows keeps times in units of 100 ns; a file made on the host has
+    # nanoseconds, which no Windows program can read or put back.
+    return ("file", st.st_size, digest, st.st_mtime_ns // 100, st.st_mode & 0o777, xattrs)
 
 
 class Manifests:
