@@ -2,7 +2,9 @@
 // feature inside the action frame. Nothing else lives here.
 
 #include "actions/files/text_file_actions.h"
+#include "actions/registry/registry_fixups.h"
 #include "actions/system/event_manifest_actions.h"
+#include "actions/system/os_version_info.h"
 #include "actions/system/well_known_sids.h"
 #include "runtime/action_frame.h"
 
@@ -25,3 +27,9 @@ UTILS_ACTION(InstallEventManifestRollback, None)
 UTILS_ACTION(UninstallEventManifest, UninstallEventManifest)
 UTILS_ACTION(UninstallEventManifestDeferred, UninstallEventManifest)
 UTILS_ACTION(UninstallEventManifestRollback, None)
+
+UTILS_ACTION(GetOsVersionInfo, OsVersionInfo)
+
+UTILS_ACTION(FixQwordRegistry, RegistryFixups)
+UTILS_ACTION(FixQwordRegistryRollback, None)
+UTILS_ACTION(FixRegistryIntegerProperties, RegistryFixups)

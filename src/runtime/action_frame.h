@@ -24,6 +24,8 @@ enum class ActionError : int {
     WellKnownSids = 27457,
     InstallEventManifest = 27466,
     UninstallEventManifest = 27467,
+    OsVersionInfo = 27470,
+    RegistryFixups = 27471,
 };
 
 using ActionWork = std::function<void(Session& session)>;

@@ -64,6 +64,8 @@ int SessionComponentStates::EvaluateCondition(std::wstring_view condition) {
     return result;
 }
 
+bool Session::IsDeferred() const { return InstallerCall(::MsiGetMode, install_, MSIRUNMODE_SCHEDULED) != FALSE; }
+
 int Session::EvaluateCondition(std::wstring_view condition) const {
     const std::wstring text(condition);
     return static_cast<int>(InstallerCall(::MsiEvaluateConditionW, install_, text.c_str()));

@@ -37,6 +37,9 @@ public:
     // MSICONDITION: 0 false, 1 true, 2 none (empty), 3 error.
     int EvaluateCondition(std::wstring_view condition) const;
 
+    // True inside a deferred (scheduled) action.
+    bool IsDeferred() const;
+
     // Hands `data` to the deferred action `action` and asks the installer to run it.
     void ScheduleDeferred(std::wstring_view action, std::wstring_view data) const;
 
