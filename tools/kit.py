@@ -39,7 +39,7 @@ def table_idt(name, table):
 
 
 def action_rows(kit, names=None):
-    return [[a["name"], str(a["type"]), kit["binary"], a["name"]] for a in kit["actions"]
+    return [[a["name"], str(a["type"]), kit["binary"], a.get("entry", a["name"])] for a in kit["actions"]
             if names is None or a["name"] in names]
 
 
@@ -102,7 +102,7 @@ def wix_fragment(kit):
         t = a["type"]
         execute = "commit" if t & COMMIT else "rollback" if t & ROLLBACK else "deferred" if t & DEFERRED else \
             "immediate"
-        attrs = [f'Id="{a["name"]}"', f'BinaryKey="{kit["binary"]}"', f'DllEntry="{a["name"]}"',
+        attrs = [f'Id="{a["name"]}"', f'BinaryKey="{kit["binary"]}"', f'DllEntry="{a.get("entry", a["name"])}"',
                  f'Execute="{execute}"', 'Return="check"']
         if t & DEFERRED:
             attrs.append(f'Impersonate="{"no" if t & NO_IMPERSONATE else "yes"}"')

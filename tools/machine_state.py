@@ -34,7 +34,8 @@ def export_key(prefix, key):
     work = Path(tempfile.mkdtemp(prefix="reg-", dir=BUILD))
     try:
         out = work / "key.reg"
-        prefix.wine("reg", "export", key, prefix.windows_path(out), "/y")
+        # The 64-bit view, whichever reg.exe runs (the x86 tier's is 32-bit).
+        prefix.wine("reg", "export", key, prefix.windows_path(out), "/y", "/reg:64")
         if not out.exists():
             return None
         return read_log(out).replace("\\\r\n", "").replace("\\\n", "")

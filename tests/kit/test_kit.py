@@ -67,7 +67,7 @@ class Kit(unittest.TestCase):
         self.assertEqual(subprocess.run([str(ROOT / "tools" / "kit.py"), "check"]).returncode, 0)
         kit = kitlib.load()
         for name, table in kit["tables"].items():
-            page = (ROOT / "docs" / f"{name}.md").read_text()
+            page = (ROOT / "docs" / f"{table.get('doc', name)}.md").read_text()
             for column in table["columns"]:
                 self.assertTrue(re.search(rf"\| `{re.escape(column['name'])}` \|", page), f"{name}.{column['name']}")
         pages = "".join(p.read_text() for p in (ROOT / "docs").glob("*.md"))
