@@ -47,7 +47,8 @@ def demo_package(name, fail=False):
     package = Package(name, directory="Setup Utils Demo")
     package.add_component("Main", [("readme", "readme.txt", "Setup Utils demo\n")])
     package.add_component("Events", [("demo_events", "demo events.man", MANIFEST)])
-    package.use_kit("GetWellKnownSids", *TEXT_ACTIONS, *MANIFEST_ACTIONS).add_table("TextFile", TEXT_ROWS)
+    package.use_kit("GetWellKnownSids", "GetOsVersionInfo", *TEXT_ACTIONS, *MANIFEST_ACTIONS)
+    package.add_table("TextFile", TEXT_ROWS)
     package.add_table("EventManifest", [("DemoEvents", "Events", "[#demo_events]")])
     if fail:
         package.fail_at(6550)
@@ -100,6 +101,8 @@ def main():
     show("Properties it set", [f"{name} = {props.get(name, '')}" for name in (
         "ACCOUNT_LOCALSYSTEM", "ACCOUNT_LOCALSERVICE", "ACCOUNT_NETWORKSERVICE", "ACCOUNT_CREATOROWNER",
         "ACCOUNT_ADMINISTRATORS", "ACCOUNT_USERS", "ACCOUNT_GUESTS")])
+    show("GetOsVersionInfo logged (the true version; the installer's own VersionNT is "
+         f"{props.get('VersionNT', '?')})", library_lines(log, "GetOsVersionInfo"))
     show("InstallTextFiles logged (why each row was taken or skipped)", library_lines(log, "InstallTextFiles"))
     show("InstallTextFilesDeferred logged", library_lines(log, "InstallTextFilesDeferred"))
     show("InstallTextFilesCommit logged", library_lines(log, "InstallTextFilesCommit"))

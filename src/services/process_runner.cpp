@@ -38,6 +38,16 @@ void LogOutputLines(const std::vector<std::string>& lines) {
     for (const std::string& line : lines) LogInfo(L"> %s", OutputToWide(line));
 }
 
+// After a failed peek or read (the error still in GetLastError): the last
+// partial line, then the end of the output (a broken pipe: the child is gone)
+// or the failure.
+void EndOfOutput(OutputLineSplitter& lines) {
+    const DWORD error = ::GetLastError();
+    LogOutputLines(lines.Finish());
+    if (error != ERROR_BROKEN_PIPE) Throw(FailureFromWin32(error), L"Failed to read process output.");
+    LogInfo(L"End of reading process output.");
+}
+
 }  // namespace
 
 ProcessRunner::ProcessRunner(DWORD waitMilliseconds) : waitMilliseconds_(waitMilliseconds) {}
@@ -147,13 +157,8 @@ void ProcessRunner::ReaderState::ReadOutput() {
         // always seen. A broken pipe with nothing left means the child is gone.
         DWORD available = 0;
         if (!::PeekNamedPipe(readPipe.Get(), nullptr, 0, nullptr, &available, nullptr)) {
-            const DWORD error = ::GetLastError();
-            LogOutputLines(lines.Finish());
-            if (error == ERROR_BROKEN_PIPE) {
-                LogInfo(L"End of reading process output.");
-                return;
-            }
-            Throw(FailureFromWin32(error), L"Failed to read process output.");
+            EndOfOutput(lines);
+            return;
         }
         if (available == 0) {
             ::Sleep(kIdlePauseMilliseconds);
@@ -162,13 +167,8 @@ void ProcessRunner::ReaderState::ReadOutput() {
         DWORD read = 0;
         if (!::ReadFile(readPipe.Get(), buffer.data(), available < kReadBufferBytes ? available : kReadBufferBytes,
                         &read, nullptr)) {
-            const DWORD error = ::GetLastError();
-            LogOutputLines(lines.Finish());
-            if (error == ERROR_BROKEN_PIPE) {
-                LogInfo(L"End of reading process output.");
-                return;
-            }
-            Throw(FailureFromWin32(error), L"Failed to read process output.");
+            EndOfOutput(lines);
+            return;
         }
         if (read == 0) {
             DWORD exitCode = 0;
