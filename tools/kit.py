@@ -92,6 +92,35 @@ def create_table_sql(name, table):
     return f"CREATE TABLE `{name}` ({cols} PRIMARY KEY {keys})"
 
 
+def quote(value):
+    # msibuild's SQL knows no escape for a quote inside a string: the kit has none.
+    if "'" in value:
+        raise SystemExit(f"kit: a kit text holds a quote: {value}")
+    return "'" + value + "'"
+
+
+def insert(table, columns, row, integers=()):
+    """INSERT of the non-empty cells (msibuild's SQL has no NULL literal; an omitted cell is null)."""
+    cells = [(c, v if c in integers else quote(v)) for c, v in zip(columns, row) if v != ""]
+    names = ", ".join(f"`{c}`" for c, _ in cells)
+    return f"INSERT INTO `{table}` ({names}) VALUES ({', '.join(v for _, v in cells)})"
+
+
+def merge_sql(kit):
+    """Every statement a package needs for the whole kit, one per line, for
+    tools other than tools/add-setup-utils (which skips rows that exist)."""
+    lines = ["-- Generated from packaging/kit.json by tools/kit.py: do not edit.",
+             "-- One statement per line; an INSERT fails where the package has the row already."]
+    lines += [create_table_sql(name, table) for name, table in kit["tables"].items()]
+    lines += [insert("CustomAction", ["Action", "Type", "Source", "Target"], r, ["Type"]) for r in action_rows(kit)]
+    for table, ui in (("InstallExecuteSequence", False), ("InstallUISequence", True)):
+        lines += [insert(table, ["Action", "Condition", "Sequence"], r, ["Sequence"]) for r in sequence_rows(kit, ui)]
+    lines += [insert("Error", ["Error", "Message"], r, ["Error"]) for r in error_rows(kit)]
+    lines += [insert("_Validation", VALIDATION_HEADER[0], r, ["MinValue", "MaxValue", "KeyColumn"])
+              for r in validation_rows(kit)]
+    return "\n".join(lines) + "\n"
+
+
 def wix_fragment(kit):
     """A WiX source fragment: Binary, custom actions, scheduling and table definitions."""
     out = ['<?xml version="1.0" encoding="utf-8"?>',
@@ -147,6 +176,7 @@ def generated(kit):
     files["Error.idt"] = idt([["Error", "Message"], ["i2", "L0"], ["Error", "Error"]], error_rows(kit))
     files["_Validation.idt"] = idt(VALIDATION_HEADER, validation_rows(kit))
     files["wix/SetupUtils.wxs"] = wix_fragment(kit)
+    files["setup-utils.sql"] = merge_sql(kit)
     return files
 
 
