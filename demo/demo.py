@@ -65,8 +65,8 @@ def show_file(path):
 
 def main():
     prefix = Prefix()
-    bits = "32-bit, the shipped DLL, under WOW64" if ARCH == "x86" else "64-bit"
-    print(f"Running the {bits} DLL: {DLL}")
+    which = "shipped 32-bit DLL, under WOW64" if ARCH == "x86" else "64-bit DLL"
+    print(f"Running the {which}: {DLL}")
     work = BUILD / f"demo-{ARCH}" / "work"
     work.mkdir(parents=True, exist_ok=True)
     install_dir = prefix.root / "drive_c" / "Program Files" / "Setup Utils Demo"
