@@ -79,6 +79,19 @@ class TextFiles(unittest.TestCase):
         leaks = [line for line in log.splitlines() if "Sup3rSecret" in line and not line.startswith("Property(")]
         self.assertEqual(leaks, [])
 
+    def test_a_read_only_target_is_written_and_its_backup_removed_by_commit(self):
+        # Wine lets its root user write a read-only file; the backup keeps the
+        # attribute, and the commit must still delete it now, not at restart.
+        package = self.make([("L1", "[INSTALLDIR]ro.ini", "new", "Main", "")])
+        target = package.install_dir(self.prefix)
+        target.mkdir(parents=True)
+        (target / "ro.ini").write_bytes(utf16("old"))
+        (target / "ro.ini").chmod(0o444)
+        code, log = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertEqual(sorted(p.name for p in target.iterdir()), ["readme.txt", "ro.ini"])
+        self.assertEqual(self.prefix.pending_renames(), [])
+
     def test_lock_files_on_update_replaces_the_target_at_restart(self):
         package = self.make([("L1", "[INSTALLDIR]locked.ini", "replaced", "Main", "")], LOCKFILESONUPDATE="1")
         target = package.install_dir(self.prefix)
