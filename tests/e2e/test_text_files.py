@@ -1,3 +1,4 @@
+import re
 import unittest
 
 from msipackage import Package, Prefix, library_lines, scratch_dir
@@ -65,6 +66,12 @@ class TextFiles(unittest.TestCase):
         self.assertIn(f"Write to file '{notes}'.", self.lines(log, "InstallTextFilesDeferred"))
         self.assertEqual(self.lines(log, "InstallTextFilesCommit")[-1],
                          "InstallTextFilesCommit: finished. Return value 0.")
+        # Scheduled in this order, so that a failure inside the deferred action
+        # rolls back what it did (Wine logs each scheduling call as an action start).
+        starts = [re.search(r"^Action start [\d:]+: (InstallTextFiles\w+)\.$", line, re.M)
+                  for line in log.splitlines()]
+        scheduled = [m.group(1) for m in starts if m][:3]
+        self.assertEqual(scheduled, ["InstallTextFilesRollback", "InstallTextFilesDeferred", "InstallTextFilesCommit"])
 
     def test_a_hidden_property_never_reaches_the_librarys_log(self):
         package = self.make([("L1", "[INSTALLDIR]secret.ini", "password=[PASSWORD]", "Main", "")],
