@@ -79,37 +79,6 @@ TEST_F(PendingRenameStoreTest, AValueThatIsNotAListIsRefusedForASnapshotAndNever
     }
 }
 
-TEST_F(PendingRenameStoreTest, RollbackTakesBackACopyAtRestartAndDeletesOnlyTheStagingFile) {
-    const std::wstring target = dir_.File(L"dst.txt");
-    WriteBytes(target, "old");
-    auto stage = [&] {
-        NewFile staged = CreateStagingFile(dir_.Path(), L"TMP");
-        staged.handle.Reset();
-        MoveFileOnReboot(staged.path, target);
-    };
-    WritePendingRenames({{L"\\??\\C:\\foreign\\before", L""}});
-    const PendingRenameSnapshot snapshot = TakePendingRenameSnapshot();
-    Logged(stage);
-    PendingRenameList after = TakePendingRenameSnapshot().entries;
-    ASSERT_EQ(after.size(), 3u);
-    const std::wstring staged2 = RemoveNtPrefix(after[2].source);
-    after.push_back({L"\\??\\C:\\foreign\\later", L"!\\??\\C:\\foreign\\x"});
-    WritePendingRenames(after);
-
-    const std::wstring log = Logged([&] { RollbackPendingRenames(snapshot, {target}); });
-    EXPECT_EQ(TakePendingRenameSnapshot().entries,
-              (PendingRenameList{{L"\\??\\C:\\foreign\\before", L""}, {L"\\??\\C:\\foreign\\later", L"!\\??\\C:\\foreign\\x"}}));
-    EXPECT_FALSE(FileExists(staged2));
-    EXPECT_EQ(ReadBytes(target), "old");
-    for (const std::wstring& line : std::vector<std::wstring>{L"Mutex '\\PendingRenameMutex' not found. Error 0x80070002.",
-                                    L"Skip lock mutex '\\PendingRenameMutex'.",
-                                    L"Rollback pending rename '" + staged2 + L"' -> '" + target + L"'.",
-                                    L"Need to delete rollback file '" + staged2 + L"'.", L"Delete rollback files.",
-                                    L"Remove file '" + staged2 + L"'."}) {
-        EXPECT_NE(log.find(line), std::wstring::npos) << line << "\n" << log;
-    }
-}
-
 // Creates "\PendingRenameMutex" at the root of the object namespace on its own
 // thread, owned by that thread (or free) until the end of the scope.
 class HeldMutex {
