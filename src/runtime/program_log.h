@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "runtime/exception.h"
 #include "runtime/format.h"
 #include "runtime/log_sink.h"
 
@@ -32,6 +33,17 @@ void SetLogBatch(unsigned threshold);
 void FlushLog();
 // Drops pending lines unsent (after a failure inside logging itself).
 void DiscardLog() noexcept;
+
+// For rollback and commit, which go on after a failed step: runs `step`; a
+// setup::Exception is logged ("<message> Error 0x<hr>.") and goes no further.
+template <class Step>
+void Leniently(Step step) {
+    try {
+        step();
+    } catch (const Exception& e) {
+        LogInfo(L"%s Error 0x%x.", e.Message(), e.Code());
+    }
+}
 
 // The program log as a LogSink, for core code that is handed one.
 class ProgramLogSink final : public LogSink {

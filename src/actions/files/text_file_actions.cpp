@@ -59,16 +59,6 @@ std::optional<std::vector<TextFileRow>> ReadRows(const Session& session) {
     return rows;
 }
 
-// Rollback and commit go on after a failed step: log it and take the next.
-template <class Step>
-void Leniently(Step step) {
-    try {
-        step();
-    } catch (const Exception& e) {
-        LogInfo(L"%s Error 0x%x.", e.Message(), e.Code());
-    }
-}
-
 }  // namespace
 
 void InstallTextFiles(Session& session) {

@@ -85,12 +85,10 @@ void FixQwordRegistry(Session& session) {
 
 void FixQwordRegistryRollback(Session& session) {
     for (const QwordItem& item : DecodeQwordItems(session.CustomActionData())) {
-        try {
+        Leniently([&] {
             if (item.previous) WriteValue(item.root, item.key, *item.previous, item.view);
             else DeleteValue(item.root, item.key, item.name, item.view);
-        } catch (const Exception& e) {
-            LogInfo(L"%s Error 0x%x.", e.Message(), e.Code());
-        }
+        });
     }
 }
 
