@@ -24,6 +24,16 @@ SOURCE = KIT / "kit.json"
 DEFERRED, ROLLBACK, COMMIT, NO_IMPERSONATE, HIDE_TARGET = 0x400, 0x100, 0x200, 0x800, 0x2000
 
 
+def msiinfo_export(msi, table):
+    """`msiinfo export` of one table (a CompletedProcess). It writes the streams
+    of a binary table into the current folder, so it runs in a scratch one."""
+    import subprocess
+    import tempfile
+    with tempfile.TemporaryDirectory(prefix="msiinfo-") as scratch:
+        return subprocess.run(["msiinfo", "export", str(Path(msi).resolve()), table], capture_output=True, text=True,
+                              cwd=scratch)
+
+
 def load():
     return json.loads(SOURCE.read_text(encoding="utf-8"))
 

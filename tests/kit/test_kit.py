@@ -35,7 +35,7 @@ BASE = """<?xml version="1.0" encoding="utf-8"?>
 
 
 def export(msi, table):
-    return subprocess.run(["msiinfo", "export", str(msi), table], capture_output=True, text=True).stdout
+    return kitlib.msiinfo_export(msi, table).stdout
 
 
 class Kit(unittest.TestCase):
