@@ -173,14 +173,16 @@ class Package:
         self.upgrade_code = "{" + str(uuid.uuid4()).upper() + "}"
         self.directory = directory or f"SetupUtilsTest{uuid.uuid4().hex[:8]}"
         self.components = {}     # component -> list of (file id, file name, content)
+        self.features = {}       # component -> its feature ("Complete" unless given)
         self.properties = {}
         self.kit_actions = []    # actions of the kit (tools/add-setup-utils adds them)
         self.custom_actions = []  # the test's own rows: Action, Type, Source, Target
         self.sequence = []       # the test's own rows: Action, Condition, Sequence
         self.tables = {}         # table name -> (header, rows)
 
-    def add_component(self, component, files=()):
+    def add_component(self, component, files=(), feature="Complete"):
         self.components[component] = list(files)
+        self.features[component] = feature
         return self
 
     def add_property(self, name, value):
@@ -211,7 +213,7 @@ class Package:
         return self
 
     def _wxs(self, work):
-        comps, refs = [], []
+        comps, refs = [], {}
         for i, (component, files) in enumerate(self.components.items()):
             guid = "{" + str(uuid.uuid4()).upper() + "}"
             file_xml = []
@@ -223,7 +225,7 @@ class Package:
             if not file_xml:
                 file_xml.append("<CreateFolder/>")
             comps.append(f'<Component Id="{component}" Guid="{guid}" Win64="yes">{"".join(file_xml)}</Component>')
-            refs.append(f'<ComponentRef Id="{component}"/>')
+            refs.setdefault(self.features.get(component, "Complete"), []).append(f'<ComponentRef Id="{component}"/>')
         props = "".join(f'<Property Id="{k}" Value="{v}"/>' for k, v in self.properties.items())
         return f"""<?xml version="1.0" encoding="utf-8"?>
 <Wix xmlns="http://schemas.microsoft.com/wix/2006/wi">
@@ -237,7 +239,7 @@ class Package:
         <Directory Id="INSTALLDIR" Name="{self.directory}">{"".join(comps)}</Directory>
       </Directory>
     </Directory>
-    <Feature Id="Complete" Level="1">{"".join(refs)}</Feature>
+    {"".join(f'<Feature Id="{f}" Level="1">{"".join(r)}</Feature>' for f, r in refs.items())}
   </Product>
 </Wix>
 """

@@ -2,6 +2,7 @@
 // feature inside the action frame. Nothing else lives here.
 
 #include "actions/files/text_file_actions.h"
+#include "actions/registry/registry_ex_actions.h"
 #include "actions/registry/registry_fixups.h"
 #include "actions/system/event_manifest_actions.h"
 #include "actions/system/os_version_info.h"
@@ -20,6 +21,13 @@ UTILS_ACTION(InstallTextFiles, TextFiles)
 UTILS_ACTION(InstallTextFilesDeferred, TextFiles)
 UTILS_ACTION(InstallTextFilesRollback, None)
 UTILS_ACTION(InstallTextFilesCommit, None)
+
+UTILS_ACTION(InstallRegFiles, TextFiles)
+UTILS_ACTION(UninstallRegFiles, TextFiles)
+UTILS_ACTION(InstallRegistryDeferred, TextFiles)
+UTILS_ACTION(InstallRegistryRollback, None)
+UTILS_ACTION(UninstallRegistryDeferred, TextFiles)
+UTILS_ACTION(UninstallRegistryRollback, None)
 
 UTILS_ACTION(InstallEventManifest, InstallEventManifest)
 UTILS_ACTION(InstallEventManifestDeferred, None)

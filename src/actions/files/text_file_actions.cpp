@@ -22,25 +22,6 @@ namespace {
 constexpr wchar_t kTable[] = L"TextFile";
 constexpr wchar_t kQuery[] = L"SELECT `TextFile`, `File`, `Text`, `Component_`, `Condition` FROM `TextFile`";
 
-class InstallerMachine final : public TextFileMachine {
-public:
-    explicit InstallerMachine(const Session& session) : session_(session) {}
-    bool FileExists(const std::wstring& path) override { return setup::FileExists(path); }
-    std::wstring NewUuid() override { return CreateUuidString(); }
-    // Read once per action: the property does not change while it runs.
-    std::wstring LockFilesOnUpdate() override {
-        if (!lock_) lock_ = session_.GetProperty(L"LOCKFILESONUPDATE");
-        return *lock_;
-    }
-
-    bool LogContentInFull() override { return CaIsVerbose(); }
-    std::wstring Format(const std::wstring& text) override { return session_.FormatText(text); }
-
-private:
-    const Session& session_;
-    std::optional<std::wstring> lock_;
-};
-
 // The table's rows, or nothing when the package has no such table.
 std::optional<std::vector<TextFileRow>> ReadRows(const Session& session) {
     std::vector<TextFileRow> rows;
@@ -61,21 +42,37 @@ std::optional<std::vector<TextFileRow>> ReadRows(const Session& session) {
 
 }  // namespace
 
+InstallerTextFileMachine::InstallerTextFileMachine(const Session& session) : session_(session) {}
+bool InstallerTextFileMachine::FileExists(const std::wstring& path) { return setup::FileExists(path); }
+std::wstring InstallerTextFileMachine::NewUuid() { return CreateUuidString(); }
+std::wstring InstallerTextFileMachine::LockFilesOnUpdate() {
+    // Read once per action: the property does not change while it runs.
+    if (!lock_) lock_ = session_.GetProperty(L"LOCKFILESONUPDATE");
+    return *lock_;
+}
+bool InstallerTextFileMachine::LogContentInFull() { return CaIsVerbose(); }
+std::wstring InstallerTextFileMachine::Format(const std::wstring& text) { return session_.FormatText(text); }
+
+void ScheduleTextFileItems(const Session& session, std::vector<TextFileItem> items, const TextFileActionNames& names) {
+    if (items.empty()) return;
+    TextFileActionData data;
+    data.items = std::move(items);
+    if (NeedsPendingRenames(data.items)) data.snapshot = TakePendingRenameSnapshot();
+    const std::wstring encoded = EncodeTextFileActionData(data);
+    session.ScheduleDeferred(names.rollback, encoded);
+    session.ScheduleDeferred(names.deferred, encoded);
+    session.ScheduleDeferred(names.commit, encoded);
+}
+
 void InstallTextFiles(Session& session) {
     Wow64FsRedirectionGuard redirection;
     const std::optional<std::vector<TextFileRow>> rows = ReadRows(session);
     if (!rows) return;
     SessionComponentStates states(session);
-    InstallerMachine machine(session);
+    InstallerTextFileMachine machine(session);
     ProgramLogSink log;
-    TextFileActionData data;
-    data.items = PlanTextFiles(*rows, states, machine, log);
-    if (data.items.empty()) return;
-    if (NeedsPendingRenames(data.items)) data.snapshot = TakePendingRenameSnapshot();
-    const std::wstring encoded = EncodeTextFileActionData(data);
-    session.ScheduleDeferred(L"InstallTextFilesRollback", encoded);
-    session.ScheduleDeferred(L"InstallTextFilesDeferred", encoded);
-    session.ScheduleDeferred(L"InstallTextFilesCommit", encoded);
+    ScheduleTextFileItems(session, PlanTextFiles(*rows, states, machine, log),
+                          {L"InstallTextFilesRollback", L"InstallTextFilesDeferred", L"InstallTextFilesCommit"});
 }
 
 void InstallTextFilesDeferred(Session& session) {

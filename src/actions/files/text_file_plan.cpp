@@ -41,6 +41,15 @@ std::wstring WithoutBrackets(std::wstring_view text) {
     return out;
 }
 
+TextFileItem NewTextFileItem(const std::wstring& path, std::wstring content, TextFileMachine& machine) {
+    TextFileItem item;
+    item.path = path;
+    if (machine.FileExists(path)) item.rbf = JoinPath(DirectoryOf(path), machine.NewUuid());
+    if (machine.LockFilesOnUpdate() == L"1") item.atr |= kTextFileReplaceAtReboot;
+    item.content = std::move(content);
+    return item;
+}
+
 std::vector<TextFileItem> PlanTextFiles(const std::vector<TextFileRow>& rows, ComponentStates& states,
                                         TextFileMachine& machine, LogSink& log) {
     // std::less on wide strings compares code units: ordinal and case-sensitive.
@@ -63,11 +72,7 @@ std::vector<TextFileItem> PlanTextFiles(const std::vector<TextFileRow>& rows, Co
     items.reserve(contents.size());
     for (auto& [path, content] : contents) {
         log.Info(L"Configuring text file %s.", path);
-        TextFileItem item;
-        item.path = path;
-        if (machine.FileExists(path)) item.rbf = JoinPath(DirectoryOf(path), machine.NewUuid());
-        if (machine.LockFilesOnUpdate() == L"1") item.atr |= kTextFileReplaceAtReboot;
-        item.content = std::move(content);
+        TextFileItem item = NewTextFileItem(path, std::move(content), machine);
         if (machine.LogContentInFull()) {
             log.Info(L"Generated text file content:\n%s", WithoutBrackets(item.content));
         } else {

@@ -55,6 +55,10 @@ Decision DecideTextLine(ComponentStates& states, const TextFileRow& row, LogSink
 std::vector<TextFileItem> PlanTextFiles(const std::vector<TextFileRow>& rows, ComponentStates& states,
                                         TextFileMachine& machine, LogSink& log);
 
+// One target with its content: a backup name beside it when it exists, and
+// replacement at restart under LOCKFILESONUPDATE=1.
+TextFileItem NewTextFileItem(const std::wstring& path, std::wstring content, TextFileMachine& machine);
+
 // The content of one target: the first row's text as it is, then each later
 // row's text followed by a line feed.
 void AppendTextLine(std::wstring& content, std::wstring_view text, bool first);

@@ -2,6 +2,8 @@
 
 #include <vector>
 
+#include "actions/registry/registry_ex_plan.h"
+
 #include "runtime/program_log.h"
 #include "runtime/throw.h"
 #include "runtime/unique_handle.h"
@@ -12,6 +14,14 @@ namespace {
 
 std::wstring Quoted(std::wstring_view key, std::wstring_view name) {
     return L"Key '" + std::wstring(key) + L"', Name '" + std::wstring(name) + L"'.";
+}
+
+bool NotFound(LONG status) { return status == ERROR_FILE_NOT_FOUND || status == ERROR_PATH_NOT_FOUND; }
+
+HResult Failure(LONG status) { return FailureFromWin32(static_cast<DWORD>(status)); }
+
+LONG OpenKey(int root, const std::wstring& path, REGSAM access, std::uint32_t view, RegistryKey& key) {
+    return ::RegOpenKeyExW(RootHandle(root), path.c_str(), 0, access | view, key.Put());
 }
 
 }  // namespace
@@ -77,7 +87,6 @@ void DeleteValue(int root, std::wstring_view key, std::wstring_view name, std::u
     const std::wstring value(name);
     RegistryKey handle;
     LONG status = ::RegOpenKeyExW(RootHandle(root), path.c_str(), 0, KEY_SET_VALUE | view, handle.Put());
-    if (status == ERROR_FILE_NOT_FOUND || status == ERROR_PATH_NOT_FOUND) return;
     if (status != ERROR_SUCCESS) {
         LogInfo(L"Failed to open registry key '%s'. Error 0x%x.", path, FailureFromWin32(static_cast<DWORD>(status)));
         return;
@@ -89,6 +98,170 @@ void DeleteValue(int root, std::wstring_view key, std::wstring_view name, std::u
         LogInfo(L"Failed to remove registry value: Key '%s', Name '%s'. Error 0x%x.", path, value,
                 FailureFromWin32(static_cast<DWORD>(status)));
     }
+}
+
+void CreateKey(int root, std::wstring_view key, std::uint32_t view) {
+    const std::wstring path(key);
+    RegistryKey handle;
+    ThrowIfWin32Error(::RegCreateKeyExW(RootHandle(root), path.c_str(), 0, nullptr, 0, KEY_WRITE | view, nullptr,
+                                        handle.Put(), nullptr),
+                      L"Failed to create registry key '" + path + L"'.");
+    LogInfo(L"Create registry key '%s'.", path);
+}
+
+LONG DeleteKey(int root, std::wstring_view key, std::uint32_t view) {
+    const std::wstring path(key);
+    const HMODULE advapi = ::GetModuleHandleW(L"Advapi32.dll");
+    if (!advapi) {
+        LogInfo(L"Failed to get module handle.");
+        return ERROR_MOD_NOT_FOUND;
+    }
+    using DeleteKeyExFn = LONG(WINAPI*)(HKEY, LPCWSTR, REGSAM, DWORD);
+    if (const auto deleteKeyEx = GetProcedure<DeleteKeyExFn>(advapi, "RegDeleteKeyExW")) {
+        return deleteKeyEx(RootHandle(root), path.c_str(), view, 0);
+    }
+    if (IsWow64()) {
+        LogInfo(L"Failed to get proc address");
+        return ERROR_PROC_NOT_FOUND;
+    }
+    return ::RegDeleteKeyW(RootHandle(root), path.c_str());
+}
+
+LONG RemoveKeyTree(int root, std::wstring_view key, std::uint32_t view) {
+    const std::wstring path(key);
+    LONG status = DeleteKey(root, path, view);
+    if (status == ERROR_SUCCESS) return status;
+    {
+        RegistryKey handle;
+        status = OpenKey(root, path, KEY_READ, view, handle);
+        if (NotFound(status)) return ERROR_SUCCESS;
+        if (status != ERROR_SUCCESS) {
+            LogInfo(L"Failed to open registry key '%s'. Error 0x%x.", path, Failure(status));
+            return status;
+        }
+        // Each removed subkey moves the next one to index 0; one that stays
+        // (it could not be removed) is stepped over.
+        DWORD index = 0;
+        for (;;) {
+            wchar_t name[260] = {};
+            DWORD length = 260;
+            if (::RegEnumKeyExW(handle.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) !=
+                ERROR_SUCCESS) {
+                break;
+            }
+            if (RemoveKeyTree(root, path + L"\\" + std::wstring(name, length), view) != ERROR_SUCCESS) ++index;
+        }
+    }
+    status = DeleteKey(root, path, view);
+    if (status != ERROR_SUCCESS) LogInfo(L"Failed to remove registry key '%s'. Error 0x%x.", path, Failure(status));
+    return status;
+}
+
+void RemoveEmptyKeys(int root, std::wstring_view key, std::uint32_t view, int keep) {
+    std::wstring path(key);
+    while (!path.empty() && (keep <= 0 || KeyDepth(path) > keep)) {
+        {
+            RegistryKey handle;
+            LONG status = OpenKey(root, path, KEY_ALL_ACCESS, view, handle);
+            if (status != ERROR_SUCCESS) {
+                LogInfo(L"Failed to open registry key '%s'. Error 0x%x.", path, Failure(status));
+                return;
+            }
+            DWORD subkeys = 0, values = 0;
+            status = ::RegQueryInfoKeyW(handle.Get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values,
+                                        nullptr, nullptr, nullptr, nullptr);
+            if (status != ERROR_SUCCESS) {
+                LogInfo(L"Failed to query info key '%s'. Error 0x%x.", path, Failure(status));
+                return;
+            }
+            if (subkeys || values) return;
+        }
+        const LONG status = DeleteKey(root, path, view);
+        if (status != ERROR_SUCCESS) {
+            LogInfo(L"Failed to remove empty registry key '%s'. Error 0x%x.", path, Failure(status));
+            return;
+        }
+        LogInfo(L"Removed empty registry key '%s'.", path);
+        // The search starts two characters before the end: a trailing backslash is no cut.
+        const std::size_t cut = path.size() < 2 ? std::wstring::npos : path.rfind(L'\\', path.size() - 2);
+        if (cut == std::wstring::npos) return;
+        path.resize(cut);
+    }
+}
+
+std::vector<std::wstring> GetSubkeys(int root, std::wstring_view key, std::uint32_t view) {
+    const std::wstring path(key);
+    RegistryKey handle;
+    ThrowIfWin32Error(OpenKey(root, path, KEY_READ, view, handle),
+                      L"Failed to get registry subkeys. Can't open registry key " + path);
+    std::vector<std::wstring> names;
+    for (DWORD index = 0;; ++index) {
+        wchar_t name[256] = {};
+        DWORD length = 256;
+        const LONG status = ::RegEnumKeyExW(handle.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr);
+        if (status == ERROR_NO_MORE_ITEMS) break;
+        ThrowIfWin32Error(status, L"Failed to get registry subkeys. Can't enumerate subkeys of key " + path);
+        names.emplace_back(name, length);
+    }
+    return names;
+}
+
+std::vector<RegistryValue> GetValues(int root, std::wstring_view key, std::uint32_t view) {
+    const std::wstring path(key);
+    RegistryKey handle;
+    ThrowIfWin32Error(OpenKey(root, path, KEY_READ, view, handle),
+                      L"Failed to get registry values. Can't open registry key " + path);
+    DWORD longestName = 0, longestData = 0;
+    ThrowIfWin32Error(::RegQueryInfoKeyW(handle.Get(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                                         &longestName, &longestData, nullptr, nullptr),
+                      L"Failed to get registry values. Can't query info " + path);
+    std::vector<RegistryValue> values;
+    std::vector<wchar_t> name(longestName + 1);
+    for (DWORD index = 0;; ++index) {
+        DWORD length = static_cast<DWORD>(name.size());
+        const LONG status =
+            ::RegEnumValueW(handle.Get(), index, name.data(), &length, nullptr, nullptr, nullptr, nullptr);
+        if (status == ERROR_NO_MORE_ITEMS) break;
+        ThrowIfWin32Error(status, L"Failed to get registry values. Can't enumerate values of key " + path);
+        RegistryValue value;
+        value.name.assign(name.data(), length);
+        DWORD type = 0, bytes = longestData;
+        value.data.assign(longestData, 0);
+        ThrowIfWin32Error(::RegQueryValueExW(handle.Get(), value.name.c_str(), nullptr, &type,
+                                             value.data.empty() ? nullptr : value.data.data(), &bytes),
+                          L"Failed to enumerate registry values. Can't query value of key " + path);
+        value.type = type;
+        value.data.resize(bytes);
+        values.push_back(std::move(value));
+    }
+    return values;
+}
+
+std::vector<std::wstring> CollectKeyTree(int root, std::wstring_view key, std::uint32_t view) {
+    const std::wstring path(key);
+    {
+        RegistryKey handle;
+        const LONG status = OpenKey(root, path, KEY_READ, view, handle);
+        if (NotFound(status)) return {};
+        ThrowIfWin32Error(status, L"Failed to open registry key " + path);
+    }
+    std::vector<std::wstring> keys{path};
+    for (const std::wstring& name : GetSubkeys(root, path, view)) {
+        for (std::wstring& below : CollectKeyTree(root, path + L"\\" + name, view)) keys.push_back(std::move(below));
+    }
+    return keys;
+}
+
+int ExistingDepth(int root, std::wstring_view key, std::uint32_t view) {
+    const std::wstring path(key);
+    RegistryKey handle;
+    if (OpenKey(root, path, KEY_READ, view, handle) == ERROR_SUCCESS) return KeyDepth(path);
+    int depth = 0;
+    for (std::size_t cut = path.find(L'\\'); cut != std::wstring::npos; cut = path.find(L'\\', cut + 1)) {
+        if (OpenKey(root, path.substr(0, cut), KEY_READ, view, handle) != ERROR_SUCCESS) break;
+        ++depth;
+    }
+    return depth;
 }
 
 }  // namespace setup

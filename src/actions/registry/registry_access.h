@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "actions/registry/registry_value.h"
 #include "runtime/win32.h"
@@ -27,8 +28,42 @@ void WriteValue(int root, std::wstring_view key, const RegistryValue& value, std
 std::optional<RegistryValue> ReadValue(int root, std::wstring_view key, std::wstring_view name,
                                        std::uint32_t view);
 
-// Deletes the value; a missing key or value is not an error. Logs
-// "Remove registry value: Key '%s', Name '%s'." or the failure, never throws.
+// Deletes the value; a missing value is not an error. Logs "Remove registry
+// value: Key '%s', Name '%s'.", or the failure (a missing key included: "Failed
+// to open registry key '%s'. Error 0x%x."), never throws.
 void DeleteValue(int root, std::wstring_view key, std::wstring_view name, std::uint32_t view);
+
+// Creates the key (and the keys above it) as needed. Throws "Failed to create
+// registry key '<key>'."; logs "Create registry key '%s'.".
+void CreateKey(int root, std::wstring_view key, std::uint32_t view);
+
+// Deletes one key without subkeys (RegDeleteKeyExW, looked up at run time, so
+// that the view reaches the deletion too). The Win32 status; never throws.
+LONG DeleteKey(int root, std::wstring_view key, std::uint32_t view);
+
+// Deletes the key and everything below it. A missing key is no failure; other
+// failures are logged. The Win32 status of the last deletion; never throws.
+LONG RemoveKeyTree(int root, std::wstring_view key, std::uint32_t view);
+
+// Deletes the key when it holds neither values nor subkeys, then its parent
+// on the same terms, and so on up to the top-level key under the root; logs
+// each step and stops at the first key in use. `keep`: the number of leading
+// components that are never deleted (0: none). Never throws.
+void RemoveEmptyKeys(int root, std::wstring_view key, std::uint32_t view, int keep = 0);
+
+// Names of the key's subkeys, in index order. Throws "Failed to get registry
+// subkeys. Can't open registry key <key>" or "... Can't enumerate subkeys of key <key>".
+std::vector<std::wstring> GetSubkeys(int root, std::wstring_view key, std::uint32_t view);
+
+// The key's values with their types and data, in index order. Throws "Failed
+// to get registry values. ..." texts with the key.
+std::vector<RegistryValue> GetValues(int root, std::wstring_view key, std::uint32_t view);
+
+// The key and every key below it, depth first, as full paths; empty when the
+// key does not exist. Throws "Failed to open registry key <key>" otherwise.
+std::vector<std::wstring> CollectKeyTree(int root, std::wstring_view key, std::uint32_t view);
+
+// How many leading components of `key` exist: KeyDepth(key) when the key does.
+int ExistingDepth(int root, std::wstring_view key, std::uint32_t view);
 
 }  // namespace setup

@@ -1,0 +1,225 @@
+"""RegistryEx through real msiexec: direct rows written with their types,
+rolled back to exactly what was there, removed on uninstall unless another
+installed component still writes them, registry files that the prefix's own
+regedit imports with the right types, repair, and bad input refused before
+anything is written.
+
+Rows without the Win64 bit live in the DLL's own view: the 64-bit one for the
+x64 DLL, the 32-bit one (Wow6432Node) for the shipped x86 DLL under WOW64.
+The checks read the 64-bit view, where both are visible."""
+
+import re
+import unittest
+
+from machine_state import MachineState, differences, export_key
+from msipackage import ARCH, Package, Prefix, library_lines, scratch_dir
+
+WOW = "Wow6432Node\\" if ARCH == "x86" else ""
+INSTALL = ("InstallRegFiles", "InstallRegistryDeferred", "InstallRegistryRollback")
+UNINSTALL = ("UninstallRegFiles", "UninstallRegistryDeferred", "UninstallRegistryRollback")
+
+
+def parse_export(text):
+    """{key: {value name ('@' for the default): data}} from `reg export` text."""
+    keys, current = {}, None
+    for line in (text or "").splitlines():
+        if line.startswith("[") and line.endswith("]"):
+            current = keys.setdefault(line[1:-1].replace("HKEY_LOCAL_MACHINE\\", "HKLM\\", 1), {})
+        elif current is not None and "=" in line:
+            match = re.match(r'^(@|"(?:[^"\\]|\\.)*")=(.*)$', line)
+            if match:
+                current[match.group(1).strip('"')] = re.sub(r",\s+", ",", match.group(2))
+    return keys
+
+
+class RegistryEx(unittest.TestCase):
+    def setUp(self):
+        self.prefix = Prefix()
+        self.name = self.id().split(".")[-1][:40]
+        self.work = scratch_dir(self.name)
+        self.key = "SOFTWARE\\SetupUtilsTest\\" + self.name          # as the rows write it
+        self.native = "HKLM\\SOFTWARE\\" + WOW + "SetupUtilsTest\\" + self.name  # where the DLL's view puts it
+        self.wide = "HKLM\\SOFTWARE\\SetupUtilsTest\\" + self.name + "W"  # Win64 rows
+        for key in (self.native, self.wide):
+            self.reg("delete", key, "/f")
+
+    def tearDown(self):
+        for key in (self.native, self.wide):
+            self.reg("delete", key, "/f")
+
+    def reg(self, *args):
+        return self.prefix.wine("reg", *args, "/reg:64")
+
+    def values(self, key):
+        return parse_export(export_key(self.prefix, key))
+
+    def run_msiexec(self, package, mode, *args, log="install.log"):
+        msi = getattr(package, "msi", None) or package.build(self.work)
+        return self.prefix.msiexec(mode, self.prefix.windows_path(msi), *args, log=self.work / log)
+
+    def package(self, name, rows, components=("Main",)):
+        package = Package(name[:48])
+        for component in components:
+            feature = "Complete" if component == "Main" else component
+            package.add_component(component, [(component.lower(), component.lower() + ".txt", "x")], feature)
+        return package.add_table("RegistryEx", rows)
+
+    def test_direct_rows_install_roll_back_exactly_and_uninstall(self):
+        k, kw = self.key, self.key + "W"
+        rows = [("Str", "2", k, "Str", "text [ProductName]", "Main", "0", "", ""),
+                ("Expand", "2", k, "Expand", "#%%SystemRoot%\\x", "Main", "0", "", ""),
+                ("Dword", "2", k, "Dword", "#123", "Main", "0", "", ""),
+                ("Bin", "2", k, "Bin", "#x0A0B", "Main", "0", "", ""),
+                ("Multi", "2", k, "Multi", "a[\\[]~[\\]]b", "Main", "0", "", ""),
+                ("Default", "2", k, "", "dflt", "Main", "0", "", ""),
+                ("Old", "2", k, "Old", "new", "Main", "0", "", ""),
+                ("Doomed", "2", k, "Doomed", "", "Main", "1", "", ""),
+                ("Deep", "2", k + "\\Sub\\Deep", "", "", "Main", "8", "", ""),
+                ("NoRollback", "2", k, "NoRb", "kept", "Main", "16", "", ""),
+                ("Skipped", "2", k, "Skipped", "x", "Main", "0", "NOT_SET_ANYWHERE", ""),
+                ("Wide", "2", kw, "Wide", "#7", "Main", "2", "", "")]
+        self.reg("add", self.native, "/v", "Old", "/t", "REG_EXPAND_SZ", "/d", "before", "/f")
+        self.reg("add", self.native, "/v", "Doomed", "/t", "REG_DWORD", "/d", "5", "/f")
+        self.reg("add", self.native, "/v", "Keep", "/t", "REG_BINARY", "/d", "0102", "/f")
+        state = MachineState(self.prefix, registry_keys=[self.native, self.wide])
+        before = state.capture()
+
+        code, log = self.run_msiexec(self.package("RegFail", rows).fail_at(6550), "/i", log="fail.log")
+        self.assertEqual(code, 1603, log[-3000:])
+        after = state.capture()
+        # Everything comes back but the row without rollback.
+        self.assertEqual(self.values(self.native)[self.native]["NoRb"], '"kept"')
+        self.reg("delete", self.native, "/v", "NoRb", "/f")
+        self.assertEqual(differences(before, state.capture()), [], log[-4000:])
+        del after
+
+        package = self.package("RegOk", rows)
+        code, log = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 0, log[-3000:])
+        got = self.values(self.native)[self.native]
+        self.assertEqual(got["Str"], '"text RegOk"')
+        self.assertEqual(got["Dword"], "dword:0000007b")
+        self.assertEqual(got["Bin"], "hex:0a,0b")
+        self.assertEqual(got["Expand"], "hex(2):" + ",".join(f"{b:02x}" for b in "%SystemRoot%\\x\0".encode("utf-16-le")))
+        self.assertEqual(got["Multi"], "hex(7):61,00,00,00,62,00,00,00,00,00")
+        self.assertEqual(got["@"], '"dflt"')
+        self.assertEqual(got["Old"], '"new"')
+        self.assertNotIn("Doomed", got)
+        self.assertNotIn("Skipped", got)
+        self.assertIn(self.native + "\\Sub\\Deep", self.values(self.native))
+        self.assertEqual(self.values(self.wide)[self.wide]["Wide"], "dword:00000007")
+        lines = library_lines(log, "InstallRegFiles")
+        self.assertIn("Skip install registry row 'Skipped'. Condition is '0'.", lines)
+        self.assertIn(f"Need to write registry row directly 'Dword', component 'Main'. {k}, Dword, #123.", lines)
+
+        # Repair puts a damaged value back.
+        self.reg("add", self.native, "/v", "Dword", "/t", "REG_SZ", "/d", "damaged", "/f")
+        code, log = self.run_msiexec(package, "/i", "REINSTALL=ALL", "REINSTALLMODE=vomus", log="repair.log")
+        self.assertEqual(code, 0, log[-3000:])
+        self.assertEqual(self.values(self.native)[self.native]["Dword"], "dword:0000007b")
+
+        # Uninstall: the rows' values go, and the keys they leave empty; what
+        # was there before the product stays.
+        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
+        self.assertEqual(code, 0, log[-3000:])
+        left = self.values(self.native)
+        self.assertEqual(sorted(left[self.native]), ["Keep"], left)
+        self.assertNotIn(self.native + "\\Sub", left)
+        self.assertIsNone(export_key(self.prefix, self.wide))
+        self.assertIn(f"Removed empty registry key '{kw}'.", library_lines(log, "UninstallRegistryDeferred"))
+
+    def test_uninstall_keeps_a_value_another_installed_component_writes(self):
+        k = self.key
+        rows = [("FromMain", "2", k, "Shared", "one", "Main", "0", "", ""),
+                ("FromExtra", "2", k, "Shared", "one", "Extra", "0", "", ""),
+                ("OnlyExtra", "2", k, "Own", "two", "Extra", "0", "", "")]
+        package = self.package("RegShared", rows, components=("Main", "Extra")).fail_at(2650, "FAILNOW")
+        code, log = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 0, log[-3000:])
+        # Extra goes, Main stays: the shared value stays with it.
+        code, log = self.run_msiexec(package, "/i", "REMOVE=Extra", log="remove.log")
+        self.assertEqual(code, 0, log[-3000:])
+        self.assertEqual(sorted(self.values(self.native)[self.native]), ["Shared"])
+        self.assertIn("Skip uninstallation of registry row 'FromExtra'. Other installed component write the same "
+                      f"registry value. 'FromMain', 'Main', {k}, Shared, one.", library_lines(log, "UninstallRegFiles"))
+        # An uninstall that fails puts the value and its key back. (Last: Wine's
+        # rollback of an uninstall does not register the components again.)
+        code, log = self.run_msiexec(package, "/x", "FAILNOW=1", log="uninstall-fails.log")
+        self.assertEqual(code, 1603, log[-3000:])
+        self.assertIn(f"Removed empty registry key '{k}'.", library_lines(log, "UninstallRegistryDeferred"))
+        self.assertEqual(self.values(self.native)[self.native], {"Shared": '"one"'})
+
+    def test_a_registry_file_imports_with_its_types(self):
+        k = self.key
+        reg = "[INSTALLDIR]values.reg"
+        rows = [("FStr", "2", k, "Str", 'say "hi" \\ bye', "Main", "0", "", reg),
+                ("FExpand", "2", k, "Expand", "#%%TEMP%", "Main", "0", "", reg),
+                ("FDword", "2", k, "Dword", "#4294967295", "Main", "0", "", reg),
+                ("FBin", "2", k, "Bin", "#xdeadbeef", "Main", "0", "", reg),
+                ("FMulti", "2", k, "Multi", "x[\\[]~[\\]]y", "Main", "0", "", reg),
+                ("FDefault", "2", k, "", "dflt", "Main", "0", "", reg),
+                ("FGone", "2", k, "Gone", "", "Main", "1", "", reg),
+                ("FDrop", "2", k + "\\Drop", "-", "", "Main", "0", "", reg)]
+        self.reg("add", self.native, "/v", "Gone", "/t", "REG_SZ", "/d", "x", "/f")
+        self.reg("add", self.native + "\\Drop\\Below", "/v", "v", "/t", "REG_SZ", "/d", "x", "/f")
+        package = self.package("RegFile", rows)
+        code, log = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 0, log[-3000:])
+        path = package.install_dir(self.prefix) / "values.reg"
+        text = path.read_bytes().decode("utf-16")
+        self.assertTrue(text.startswith("Windows Registry Editor Version 5.00\r\n"), text)
+        self.assertIsNone(export_key(self.prefix, self.native + "\\Nothing"))
+        # Nothing written directly: the file is the product.
+        self.assertEqual(sorted(self.values(self.native)[self.native]), ["Gone"])
+        self.prefix.wine("regedit", "/s", self.prefix.windows_path(path))
+        got = self.values(self.native)
+        values = got[self.native]
+        self.assertEqual(values["Str"], '"say \\"hi\\" \\\\ bye"')
+        self.assertTrue(values["Expand"].startswith("hex(2):25,00,54,00"), values)
+        self.assertEqual(values["Dword"], "dword:ffffffff")
+        self.assertEqual(values["Bin"], "hex:de,ad,be,ef")
+        self.assertEqual(values["Multi"], "hex(7):78,00,00,00,79,00,00,00,00,00")
+        self.assertEqual(values["@"], '"dflt"')
+        self.assertNotIn("Gone", values)
+        self.assertNotIn(self.native + "\\Drop", got)
+
+        # The author's switch: every row written directly, no file.
+        self.run_msiexec(package, "/x", log="uninstall.log")
+        path.unlink(missing_ok=True)
+        self.reg("delete", self.native, "/f")
+        package = self.package("RegFileDirect", rows).add_property("IgnoreRegistryExFileAttribute", "1")
+        code, log = self.run_msiexec(package, "/i", log="direct.log")
+        self.assertEqual(code, 0, log[-3000:])
+        self.assertFalse(package.install_dir(self.prefix).joinpath("values.reg").exists())
+        self.assertEqual(self.values(self.native)[self.native]["Dword"], "dword:ffffffff")
+        self.run_msiexec(package, "/x", log="uninstall-direct.log")
+
+    def test_bad_rows_fail_before_anything_is_written(self):
+        k = self.key
+        good = ("Good", "2", k, "Good", "x", "Main", "0", "", "")
+        cases = {
+            "number": ("BadNumber", "2", k, "N", "#abc", "Main", "0", "", ""),
+            "root": ("BadRoot", "7", k, "N", "x", "Main", "0", "", ""),
+            "empty component": ("BadKey", "2", k + "\\\\x", "N", "x", "Main", "0", "", ""),
+            "long name": ("BadName", "2", k, "n" * 16384, "x", "Main", "0", "", ""),
+            "1 MB": ("Huge", "2", k, "N", "[H]" * 10, "Main", "0", "", ""),
+        }
+        texts = {"number": "Failed to convert registry value to dword: #abc",
+                 "root": "the root 7 is none of", "empty component": "has an empty component",
+                 "long name": "the value name is 16384 characters long",
+                 "1 MB": "more than the 1048576 a value may hold"}
+        state = MachineState(self.prefix, registry_keys=[self.native])
+        before = state.capture()
+        for case, row in cases.items():
+            with self.subTest(case=case):
+                package = self.package("RegBad" + row[0], [good, row]).add_property("H", "x" * 60_000)
+                code, log = self.run_msiexec(package, "/i", log=row[0] + ".log")
+                self.assertEqual(code, 1603, log[-2000:])
+                lines = "\n".join(library_lines(log, "InstallRegFiles"))
+                self.assertIn(f"The registry row '{row[0]}' cannot be written: ", lines)
+                self.assertIn(texts[case], lines)
+                self.assertEqual(differences(before, state.capture()), [])
+
+
+if __name__ == "__main__":
+    unittest.main()
