@@ -33,6 +33,7 @@ enum : int {
 struct ComponentState {
     int installed = install_state::Unknown;
     int action = install_state::Unknown;
+    bool operator==(const ComponentState&) const = default;
 };
 
 enum class ComponentTask : int { None = 0, Install = 1, Uninstall = 2, Reinstall = 3 };
