@@ -1,16 +1,17 @@
 #!/usr/bin/env python3
 """The demo: a package that uses every table built so far (TextFile,
-EventManifest), installed with Wine's msiexec in a fresh prefix under
+EventManifest, RegistryEx), installed with Wine's msiexec in a fresh prefix under
 build/demo, then uninstalled; prints what the library did and the log lines
 that explain each decision."""
 import os
+import re
 import sys
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tools"))
 
-from machine_state import MachineState, differences  # noqa: E402
+from machine_state import MachineState, differences, export_key  # noqa: E402
 from msipackage import ARCH, BUILD, DLL, Package, Prefix, library_lines, properties  # noqa: E402
 
 
@@ -26,6 +27,14 @@ TEXT_ROWS = [
     ("Product", "[INSTALLDIR]settings.ini", "product=[ProductName] [ProductVersion]", "Main", ""),
     ("Admins", "[INSTALLDIR]settings.ini", "admins=[ACCOUNT_ADMINISTRATORS]", "Main", ""),
     ("Skipped", "[INSTALLDIR]settings.ini", "never written", "Main", "NOT_SET_ANYWHERE"),
+]
+DEMO_KEY = "Software\\Setup Utils Demo"
+REGISTRY_ROWS = [
+    ("Version", "2", DEMO_KEY, "Version", "[ProductVersion]", "Main", "0", "", ""),
+    ("Port", "2", DEMO_KEY, "Port", "#8080", "Main", "0", "", ""),
+    ("Paths", "2", DEMO_KEY, "Paths", "C:\\a[\\[]~[\\]]C:\\b", "Main", "0", "", ""),
+    ("FileName", "2", DEMO_KEY, "Name", "[ProductName]", "Main", "0", "", "[INSTALLDIR]settings.reg"),
+    ("FileFlags", "2", DEMO_KEY, "Flags", "#x0102", "Main", "0", "", "[INSTALLDIR]settings.reg"),
 ]
 TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
 MANIFEST_ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "InstallEventManifestRollback",
@@ -50,9 +59,15 @@ def demo_package(name, fail=False):
     package.use_kit("GetWellKnownSids", "GetOsVersionInfo", *TEXT_ACTIONS, *MANIFEST_ACTIONS)
     package.add_table("TextFile", TEXT_ROWS)
     package.add_table("EventManifest", [("DemoEvents", "Events", "[#demo_events]")])
+    package.add_table("RegistryEx", REGISTRY_ROWS)
     if fail:
         package.fail_at(6550)
     return package
+
+
+def registry_lines(prefix, key):
+    text = export_key(prefix, key)
+    return [re.sub(r",\s+", ",", line) for line in text.strip("\ufeff").strip().splitlines()[1:]] if text else ["(no key)"]
 
 
 def show_file(path):
@@ -75,10 +90,14 @@ def main():
     settings.write_bytes("previous settings\r\n".encode("utf-16"))
 
     show("settings.ini before anything", show_file(settings))
+    native = "HKLM\\" + ("Software\\Wow6432Node\\Setup Utils Demo" if ARCH == "x86" else DEMO_KEY)
+    prefix.wine("reg", "delete", native, "/f", "/reg:64")
+    prefix.wine("reg", "add", native, "/v", "Port", "/t", "REG_SZ", "/d", "was here before", "/f", "/reg:64")
+    show(f"{native} before anything", registry_lines(prefix, native))
 
     failing = demo_package("SetupUtilsDemoFailing", fail=True)
     msi = failing.build(work)
-    state = MachineState(prefix, [install_dir])
+    state = MachineState(prefix, [install_dir], registry_keys=[native])
     before = state.capture()
     code, log = prefix.msiexec("/i", prefix.windows_path(msi), log=work / "failing.log")
     diff = differences(before, state.capture())
@@ -87,9 +106,12 @@ def main():
     show("InstallTextFilesRollback logged", library_lines(log, "InstallTextFilesRollback"))
     show("InstallEventManifestRollback logged (the manifest is unregistered again)",
          library_lines(log, "InstallEventManifestRollback"))
+    show("InstallRegistryDeferred and InstallRegistryRollback logged",
+         library_lines(log, "InstallRegistryDeferred") + library_lines(log, "InstallRegistryRollback"))
     show("settings.ini after the rollback (the previous file, byte for byte)", show_file(settings))
-    show("The install folder and the restart-time rename list after the rollback, against before",
-         diff or ["identical: bytes, times, attributes, and the rename list"])
+    show(f"{native} after the rollback (the value that was there, with its type)", registry_lines(prefix, native))
+    show("The install folder, the registry key and the restart-time rename list after the rollback, against before",
+         diff or ["identical: bytes, times, attributes, registry values, and the rename list"])
 
     package = demo_package("SetupUtilsDemo")
     msi = package.build(work)
@@ -110,6 +132,11 @@ def main():
     show("InstallEventManifest logged", library_lines(log, "InstallEventManifest"))
     show("InstallEventManifestDeferred logged (wevtutil run, its output, its exit code)",
          library_lines(log, "InstallEventManifestDeferred"))
+    show("InstallRegFiles logged (why each row was taken, direct or into a file)",
+         library_lines(log, "InstallRegFiles"))
+    show("InstallRegistryDeferred logged", library_lines(log, "InstallRegistryDeferred"))
+    show(f"{native} after install", registry_lines(prefix, native))
+    show("settings.reg after install (for the registry editor)", show_file(install_dir / "settings.reg"))
     show("Files in the install folder (no backups left)", sorted(p.name for p in install_dir.iterdir()))
 
     code, log = prefix.msiexec("/x", prefix.windows_path(msi), log=work / "uninstall.log")
@@ -118,6 +145,8 @@ def main():
     show("UninstallEventManifest and its deferred action on uninstall",
          library_lines(log, "UninstallEventManifest") + library_lines(log, "UninstallEventManifestDeferred"))
     show("settings.ini after uninstall (text files are left in place)", show_file(settings))
+    show("UninstallRegistryDeferred logged", library_lines(log, "UninstallRegistryDeferred"))
+    show(f"{native} after uninstall", registry_lines(prefix, native))
     return 0
 
 

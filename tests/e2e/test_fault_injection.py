@@ -12,12 +12,14 @@ import unittest
 
 from machine_state import HeldFile, Manifests, MachineState, WevtutilDouble, differences, rename_value, \
     set_rename_value, utf16_hex
-from msipackage import Package, Prefix, library_lines, scratch_dir
+from msipackage import ARCH, Package, Prefix, library_lines, scratch_dir
 
 TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
 MANIFEST_ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "InstallEventManifestRollback",
                     "UninstallEventManifest", "UninstallEventManifestDeferred", "UninstallEventManifestRollback")
 BEFORE_TEXT_FILES = 4400   # InstallTextFiles schedules at 4500
+AFTER_REGISTRY = 5025      # InstallRegFiles schedules at 5020
+AFTER_REGISTRY_REMOVAL = 2650  # UninstallRegFiles schedules at 2590
 AFTER_EVERYTHING = 6550    # after every family's deferred work, before InstallFinalize
 OLD_TIME = 1_500_000_000   # a last-write time no write of today can produce
 
@@ -205,6 +207,80 @@ class EventManifestFaults(FaultCase):
         code, log = self.run_msiexec(package, "/i")
         self.assertEqual(code, 1603, log[-3000:])
         self.assertEqual(sorted(Manifests(self.double.calls_path).registered(earlier)), [])
+
+
+class RegistryFaults(FaultCase):
+    """RegistryEx rows over values that exist (of other types), values and
+    keys that do not, a whole key removed on install, and a registry file
+    over an older one: a failed install or uninstall leaves every value, type
+    and key as it was."""
+
+    def setUp(self):
+        super().setUp()
+        name = self.id().split(".")[-1][:40]
+        self.key = "Software\\SetupUtilsFault\\" + name
+        wow = "Wow6432Node\\" if ARCH == "x86" else ""
+        self.native = "HKLM\\Software\\" + wow + "SetupUtilsFault\\" + name
+        self.reg("delete", self.native, "/f")
+
+    def tearDown(self):
+        self.reg("delete", self.native, "/f")
+        super().tearDown()
+
+    def reg(self, *args):
+        return self.prefix.wine("reg", *args, "/reg:64")
+
+    def package(self, name, **fail):
+        k = self.key
+        rows = [("Over", "2", k, "Over", "#7", "Main", "0", "", ""),
+                ("New", "2", k, "New", "a[\\[]~[\\]]b", "Main", "0", "", ""),
+                ("Deep", "2", k + "\\X\\Y", "Deep", "#x00ff", "Main", "0", "", ""),
+                ("Empty", "2", k + "\\Empty", "V", "v", "Main", "0", "", ""),
+                ("Doomed", "2", k + "\\Doomed", "", "", "Main", "9", "", ""),
+                ("Default", "2", k, "", "#%%TEMP%", "Main", "0", "", ""),
+                ("File", "2", k, "InFile", "x", "Main", "0", "", "[INSTALLDIR]values.reg")]
+        package = Package(name[:48]).add_component("Main", [("readme", "readme.txt", "r")])
+        package.add_table("RegistryEx", rows)
+        if fail:
+            package.fail_at(*fail["at"])
+        self.folder = package.install_dir(self.prefix)
+        return package
+
+    def prepare(self):
+        self.reg("add", self.native, "/v", "Over", "/t", "REG_SZ", "/d", "old", "/f")
+        self.reg("add", self.native, "/ve", "/t", "REG_BINARY", "/d", "00", "/f")
+        self.reg("add", self.native + "\\Empty", "/f")
+        self.reg("add", self.native + "\\Doomed\\Inner", "/v", "I", "/t", "REG_DWORD", "/d", "3", "/f")
+        self.folder.mkdir(parents=True)
+        (self.folder / "values.reg").write_bytes("Windows Registry Editor Version 5.00\r\n".encode("utf-16"))
+        os.utime(self.folder / "values.reg", (OLD_TIME, OLD_TIME))
+        return MachineState(self.prefix, [self.folder], registry_keys=[self.native])
+
+    def test_install_fails_after_the_registry_work(self):
+        for case, at in (("after the direct rows", (AFTER_REGISTRY,)), ("at the end", (AFTER_EVERYTHING,))):
+            with self.subTest(case=case):
+                package = self.package("FaultRegistry" + case.replace(" ", ""), at=at)
+                state = self.prepare()
+                before = state.capture()
+                code, log = self.run_msiexec(package, "/i", log=case.replace(" ", "") + ".log")
+                self.assertEqual(code, 1603, log[-3000:])
+                self.assertIn("Remove registry key: Key '" + self.key + "\\Doomed'.",
+                              library_lines(log, "InstallRegistryDeferred"))
+                self.assertUnchanged(before, state.capture(), log)
+                self.reg("delete", self.native, "/f")
+
+    def test_uninstall_fails_after_its_removals(self):
+        package = self.package("FaultRegistryUninstall", at=(AFTER_REGISTRY_REMOVAL, 'REMOVE="ALL"'))
+        self.prepare()
+        code, log = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 0, log[-3000:])
+        state = MachineState(self.prefix, registry_keys=[self.native])
+        before = state.capture()
+        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
+        self.assertEqual(code, 1603, log[-3000:])
+        self.assertIn("Remove registry value: Key '" + self.key + "', Name 'New'.",
+                      library_lines(log, "UninstallRegistryDeferred"))
+        self.assertUnchanged(before, state.capture(), log)
 
 
 if __name__ == "__main__":
