@@ -2,8 +2,11 @@
 """Row cost against the installer's own standard actions, through real msiexec.
 
 For N rows (1,000 and 10,000) three packages are built from the same base: a
-baseline with no rows, one with N TextFile rows (this library) and one with N
-IniFile rows (the installer's WriteIniValues), each over 100 target files.
+baseline with no rows, one with N rows of the library's table and one with N
+rows of the installer's own table doing the same work. Families:
+  text      TextFile rows against IniFile rows (WriteIniValues), over 100 files;
+  registry  direct RegistryEx rows against Registry rows (WriteRegistryValues),
+            over 100 keys.
 Rounds interleave the three; every run gets a fresh copy of the template
 prefix with its server warm, and a verbose log. Printed per row: the excess
 over the baseline in wall time and CPU (msiexec and its processes, and the
@@ -12,7 +15,7 @@ rounds, and the ratio TextFile/IniFile of the medians. The installer calls
 the library made per row are counted from a run with the verbose-level
 statistics line ("Installer calls: N.").
 
-  bench/row_cost.py [--rows 1000,10000] [--rounds 3]
+  bench/row_cost.py [--family text|registry] [--rows 1000,10000] [--rounds 3]
 """
 
 import argparse
@@ -34,22 +37,38 @@ FILES = 100
 TEMPLATE = Path(os.environ.get("UTILS_WINE_TEMPLATE", BUILD / "wine" / "template"))
 PREFIX = BUILD / "bench" / "prefix"
 TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
+REGISTRY_HEADER = ["Registry\tRoot\tKey\tName\tValue\tComponent_", "s72\ti2\tl255\tL255\tL0\ts72",
+                   "Registry\tRegistry"]
 INI_HEADER = ["IniFile\tFileName\tDirProperty\tSection\tKey\tValue\tAction\tComponent_",
               "s72\tl255\tS72\tl96\tl128\tl255\ti2\ts72", "IniFile\tIniFile"]
 
 
-def package(kind, rows):
-    name = f"RowCost{kind}{rows}"
+def package(family, kind, rows):
+    name = f"RowCost{family}{kind}{rows}"
     p = Package(name, directory="RowCost").add_component("Main", [("readme", "readme.txt", "r")])
-    if kind == "text":
+    key = "Software\\SetupUtilsRowCost\\k{}"
+    if (family, kind) == ("text", "ours"):
         p.use_kit(*TEXT_ACTIONS)
         p.add_table("TextFile", [(f"L{i}", f"[INSTALLDIR]file{i % FILES}.ini", f"key{i}=value {i} of [ProductName]",
                                   "Main", "") for i in range(rows)])
-    elif kind == "ini":
+    elif (family, kind) == ("text", "theirs"):
         p.tables["IniFile"] = (INI_HEADER, [[f"I{i}", f"file{i % FILES}.ini", "INSTALLDIR", "settings", f"key{i}",
                                              f"value {i} of [ProductName]", "0", "Main"] for i in range(rows)])
         p.sequence += [["WriteIniValues", "", "5100"], ["RemoveIniValues", "", "3800"]]
+    elif (family, kind) == ("registry", "ours"):
+        p.add_table("RegistryEx", [(f"R{i}", "2", key.format(i % FILES), f"v{i}", f"value {i} of [ProductName]",
+                                    "Main", "0", "", "") for i in range(rows)])
+    elif (family, kind) == ("registry", "theirs"):
+        p.tables["Registry"] = (REGISTRY_HEADER, [[f"R{i}", "2", key.format(i % FILES), f"v{i}",
+                                                   f"value {i} of [ProductName]", "Main"] for i in range(rows)])
+        p.sequence += [["WriteRegistryValues", "", "5000"], ["RemoveRegistryValues", "", "2600"]]
     return p
+
+
+FAMILIES = {  # labels of ours and theirs, and the immediate action whose installer calls are counted
+    "text": ("TextFile", "IniFile", "InstallTextFiles"),
+    "registry": ("RegistryEx", "Registry", "InstallRegFiles"),
+}
 
 
 def cpu_of(pid):
@@ -110,6 +129,7 @@ def timed(prefix, *args, log):
 
 def main():
     parser = argparse.ArgumentParser()
+    parser.add_argument("--family", choices=sorted(FAMILIES), default="text")
     parser.add_argument("--rows", default="1000,10000")
     parser.add_argument("--rounds", type=int, default=3)
     args = parser.parse_args()
@@ -117,7 +137,8 @@ def main():
     shutil.rmtree(work, ignore_errors=True)
     work.mkdir(parents=True)
     for rows in (int(r) for r in args.rows.split(",")):
-        msis = {kind: package(kind, rows).build(work) for kind in ("base", "text", "ini")}
+        ours, theirs, counted = FAMILIES[args.family]
+        msis = {kind: package(args.family, kind, rows).build(work) for kind in ("base", "ours", "theirs")}
         results = {kind: {"install": [], "uninstall": []} for kind in msis}
         for round_ in range(args.rounds):
             for kind, msi in msis.items():
@@ -129,30 +150,31 @@ def main():
                 results[kind]["uninstall"].append((wall, cpu))
         # The calls are counted in a run of its own: verbose logging adds the line.
         prefix = fresh_prefix()
-        _, _, text = timed(prefix, "/i", prefix.windows_path(msis["text"]), "LOGVERBOSE=1",
-                           log=work / f"text-{rows}-calls.log")
-        found = [int(m) for line in library_lines(text, "InstallTextFiles")
+        _, _, text = timed(prefix, "/i", prefix.windows_path(msis["ours"]), "LOGVERBOSE=1",
+                           log=work / f"ours-{rows}-calls.log")
+        found = [int(m) for line in library_lines(text, counted)
                  for m in re.findall(r"^Installer calls: (\d+)\.$", line)]
         calls = found[0] if found else None
-        print(f"== {rows} rows over {FILES} files, {args.rounds} interleaved rounds (per row, excess over the "
-              f"baseline package)")
+        print(f"== {ours} against {theirs}: {rows} rows over {FILES} "
+              f"{'files' if args.family == 'text' else 'keys'}, {args.rounds} interleaved rounds (per row, excess "
+              f"over the baseline package)")
         for phase in ("install", "uninstall"):
             base_wall = statistics.median(w for w, _ in results["base"][phase])
             base_cpu = statistics.median(c for _, c in results["base"][phase])
             medians = {}
-            for kind in ("text", "ini"):
+            for kind in ("ours", "theirs"):
                 walls = [1000 * (w - base_wall) / rows for w, _ in results[kind][phase]]
                 cpus = [1000 * (c - base_cpu) / rows for _, c in results[kind][phase]]
                 medians[kind] = (statistics.median(walls), statistics.median(cpus))
-                label = "TextFile" if kind == "text" else "IniFile "
+                label = f"{ours if kind == 'ours' else theirs:10}"
                 print(f"   {phase:9} {label} wall ms/row min {min(walls):6.3f} median {medians[kind][0]:6.3f} "
                       f"max {max(walls):6.3f} | cpu ms/row min {min(cpus):6.3f} median {medians[kind][1]:6.3f} "
                       f"max {max(cpus):6.3f}")
-            ratio_wall = medians["text"][0] / medians["ini"][0] if medians["ini"][0] > 0 else float("nan")
-            ratio_cpu = medians["text"][1] / medians["ini"][1] if medians["ini"][1] > 0 else float("nan")
-            print(f"   {phase:9} ratio TextFile/IniFile: wall {ratio_wall:.2f}, cpu {ratio_cpu:.2f}")
+            ratio_wall = medians["ours"][0] / medians["theirs"][0] if medians["theirs"][0] > 0 else float("nan")
+            ratio_cpu = medians["ours"][1] / medians["theirs"][1] if medians["theirs"][1] > 0 else float("nan")
+            print(f"   {phase:9} ratio {ours}/{theirs}: wall {ratio_wall:.2f}, cpu {ratio_cpu:.2f}")
         if calls is not None:
-            print(f"   installer calls of InstallTextFiles: {calls}, {calls / rows:.2f} per row")
+            print(f"   installer calls of {counted}: {calls}, {calls / rows:.2f} per row")
     return 0
 
 
