@@ -1,6 +1,7 @@
 #include "actions/registry/registry_ex_actions.h"
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -25,6 +26,7 @@ constexpr wchar_t kTable[] = L"RegistryEx";
 constexpr wchar_t kQuery[] =
     L"SELECT `RegistryEx`, `Root`, `Key`, `Name`, `Value`, `Component_`, `Attributes`, `Condition`, `File` FROM "
     L"`RegistryEx`";
+constexpr wchar_t kComponentsQuery[] = L"SELECT DISTINCT `Component_` FROM `RegistryEx`";
 constexpr wchar_t kComponentIdQuery[] = L"SELECT `ComponentId` FROM `Component` WHERE `Component` = ?";
 
 int IntegerOrZero(const Record& record, unsigned field) {
@@ -32,11 +34,31 @@ int IntegerOrZero(const Record& record, unsigned field) {
     return value == static_cast<int>(MSI_NULL_INTEGER) ? 0 : value;
 }
 
-// The table's rows read and resolved, or nothing when the package has no such table.
-std::optional<std::vector<RegistryExRow>> ReadRows(const Session& session, LogSink& log) {
+// Whether a component's states let its rows be chosen at all.
+using ComponentFilter = std::function<bool(const std::wstring& component, const ComponentState& state)>;
+
+// The table's rows read and resolved, or nothing when the package has no such
+// table, or when none of its components passes `filter` (each row costs the
+// installer a dozen round trips; a component costs one or two).
+std::optional<std::vector<RegistryExRow>> ReadRows(const Session& session, const ComponentFilter& filter,
+                                                   const wchar_t* nothingToDo, LogSink& log) {
     const Database database = session.ActiveDatabase();
     if (!database.TableExists(kTable)) {
         log.Info(L"There is no 'RegistryEx' table.");
+        return std::nullopt;
+    }
+    const std::wstring forceInstall = session.GetProperty(L"ForceInstallRegFileComponents");
+    SessionComponentStates components(session);
+    bool any = false;
+    database.ForEachRow(kComponentsQuery, [&](const Record& record) {
+        if (any) return;
+        const std::wstring component = record.GetString(1);
+        ComponentState state = components.State(component).value_or(ComponentState{});
+        if (ForcedToInstall(forceInstall, component, state)) state.action = install_state::Local;
+        any = filter(component, state);
+    });
+    if (!any) {
+        log.Info(L"%s", nothingToDo);
         return std::nullopt;
     }
     RegistryExReading reading;
@@ -45,7 +67,7 @@ std::optional<std::vector<RegistryExRow>> ReadRows(const Session& session, LogSi
     LogRegistryExReading(reading, log);
     reading.withoutRollback = session.GetProperty(L"RegFileComponentsWithoutRollback");
     reading.ignoreFile = !session.GetProperty(L"IgnoreRegistryExFileAttribute").empty();
-    reading.forceInstall = session.GetProperty(L"ForceInstallRegFileComponents");
+    reading.forceInstall = forceInstall;
     std::vector<RegistryExRow> rows;
     database.ForEachRow(kQuery, [&](const Record& record) {
         RegistryExRow row;
@@ -223,7 +245,12 @@ void ApplyRows(const Session& session, bool strict) {
 void InstallRegFiles(Session& session) {
     Wow64FsRedirectionGuard redirection;
     ProgramLogSink log;
-    const std::optional<std::vector<RegistryExRow>> rows = ReadRows(session, log);
+    const auto installing = [](const std::wstring&, const ComponentState& state) {
+        const ComponentTask task = ClassifyComponent(state);
+        return task == ComponentTask::Install || task == ComponentTask::Reinstall;
+    };
+    const std::optional<std::vector<RegistryExRow>> rows =
+        ReadRows(session, installing, L"No component of the RegistryEx table is installed or reinstalled.", log);
     if (!rows) return;
     SessionComponentStates states(session);
     const std::vector<RegistryExRow> chosen = PlanRegistryInstall(*rows, states, log);
@@ -239,12 +266,19 @@ void InstallRegFiles(Session& session) {
 
 void UninstallRegFiles(Session& session) {
     ProgramLogSink log;
-    const std::optional<std::vector<RegistryExRow>> rows = ReadRows(session, log);
-    if (!rows) return;
-    SessionComponentStates states(session);
     const LocatedState located = [&session](const std::wstring& component) {
         return LocateComponent(session, component);
     };
+    // Removed here, or absent here without an action but present for another product.
+    const auto removing = [&](const std::wstring& component, const ComponentState& state) {
+        return ClassifyComponent(state) == ComponentTask::Uninstall ||
+               (state.installed == install_state::Absent && state.action == install_state::Unknown &&
+                located(component) >= install_state::Local);
+    };
+    const std::optional<std::vector<RegistryExRow>> rows =
+        ReadRows(session, removing, L"No component of the RegistryEx table is removed.", log);
+    if (!rows) return;
+    SessionComponentStates states(session);
     std::vector<RegistryExRow> direct;
     for (const RegistryExRow& row : PlanRegistryUninstall(*rows, states, located, log)) {
         if (row.file.empty()) direct.push_back(UninstallWork(row));

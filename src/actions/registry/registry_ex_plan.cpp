@@ -152,6 +152,10 @@ void ApplyReadingRules(RegistryExRow& row, const RegistryExReading& reading, Log
     log.Info(L"The registry row '%s' was successfully read. component '%s'", row.id, row.component);
 }
 
+bool ForcedToInstall(std::wstring_view forceInstall, std::wstring_view component, const ComponentState& state) {
+    return Contains(forceInstall, component) && state.action != Absent;
+}
+
 void ResolveComponentStates(std::vector<RegistryExRow>& rows, ComponentStates& states, std::wstring_view forceInstall,
                             LogSink& log) {
     std::map<std::wstring, ComponentState, std::less<>> resolved;
@@ -164,7 +168,7 @@ void ResolveComponentStates(std::vector<RegistryExRow>& rows, ComponentStates& s
             log.Info(L"Failed to get state of component '%s'. Error 0x%x.", row.component, kFail);
         }
         log.Info(L"Component: '%s'; Installed: '%d'; Action: '%d'", row.component, state.installed, state.action);
-        if (Contains(forceInstall, row.component) && state.action != Absent) {
+        if (ForcedToInstall(forceInstall, row.component, state)) {
             state.action = Local;
             log.Info(L"Force install '%s' reg file. The component specified in ForceInstallRegFileComponents property.",
                      row.component);

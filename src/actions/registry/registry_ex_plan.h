@@ -62,6 +62,9 @@ void LogRegistryExReading(const RegistryExReading& reading, LogSink& log);
 // The per-row rules (Win64 on a 32-bit system, DisableRollback by component,
 // File cleared), with their lines and the row's "successfully read" line.
 void ApplyReadingRules(RegistryExRow& row, const RegistryExReading& reading, LogSink& log);
+// ForceInstallRegFileComponents names the component (substring search) and
+// its action is not absent: it is installed as if its action were local.
+bool ForcedToInstall(std::wstring_view forceInstall, std::wstring_view component, const ComponentState& state);
 // Each component's states, asked once, logged, forced to local by
 // ForceInstallRegFileComponents, copied into its rows.
 void ResolveComponentStates(std::vector<RegistryExRow>& rows, ComponentStates& states, std::wstring_view forceInstall,
