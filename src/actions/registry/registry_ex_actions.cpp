@@ -40,15 +40,15 @@ using ComponentFilter = std::function<bool(const std::wstring& component, const 
 // The table's rows read and resolved, or nothing when the package has no such
 // table, or when none of its components passes `filter` (each row costs the
 // installer a dozen round trips; a component costs one or two).
-std::optional<std::vector<RegistryExRow>> ReadRows(const Session& session, const ComponentFilter& filter,
-                                                   const wchar_t* nothingToDo, LogSink& log) {
+std::optional<std::vector<RegistryExRow>> ReadRows(const Session& session, SessionComponentStates& components,
+                                                   const ComponentFilter& filter, const wchar_t* nothingToDo,
+                                                   LogSink& log) {
     const Database database = session.ActiveDatabase();
     if (!database.TableExists(kTable)) {
         log.Info(L"There is no 'RegistryEx' table.");
         return std::nullopt;
     }
     const std::wstring forceInstall = session.GetProperty(L"ForceInstallRegFileComponents");
-    SessionComponentStates components(session);
     bool any = false;
     database.ForEachRow(kComponentsQuery, [&](const Record& record) {
         if (any) return;
@@ -83,8 +83,7 @@ std::optional<std::vector<RegistryExRow>> ReadRows(const Session& session, const
         ApplyReadingRules(row, reading, log);
         rows.push_back(std::move(row));
     });
-    SessionComponentStates states(session);
-    ResolveComponentStates(rows, states, reading.forceInstall, log);
+    ResolveComponentStates(rows, components, reading.forceInstall, log);
     return rows;
 }
 
@@ -249,10 +248,10 @@ void InstallRegFiles(Session& session) {
         const ComponentTask task = ClassifyComponent(state);
         return task == ComponentTask::Install || task == ComponentTask::Reinstall;
     };
-    const std::optional<std::vector<RegistryExRow>> rows =
-        ReadRows(session, installing, L"No component of the RegistryEx table is installed or reinstalled.", log);
-    if (!rows) return;
     SessionComponentStates states(session);
+    const std::optional<std::vector<RegistryExRow>> rows = ReadRows(
+        session, states, installing, L"No component of the RegistryEx table is installed or reinstalled.", log);
+    if (!rows) return;
     const std::vector<RegistryExRow> chosen = PlanRegistryInstall(*rows, states, log);
     std::vector<RegistryExRow> direct;
     for (const RegistryExRow& row : chosen) {
@@ -275,10 +274,10 @@ void UninstallRegFiles(Session& session) {
                (state.installed == install_state::Absent && state.action == install_state::Unknown &&
                 located(component) >= install_state::Local);
     };
-    const std::optional<std::vector<RegistryExRow>> rows =
-        ReadRows(session, removing, L"No component of the RegistryEx table is removed.", log);
-    if (!rows) return;
     SessionComponentStates states(session);
+    const std::optional<std::vector<RegistryExRow>> rows =
+        ReadRows(session, states, removing, L"No component of the RegistryEx table is removed.", log);
+    if (!rows) return;
     std::vector<RegistryExRow> direct;
     for (const RegistryExRow& row : PlanRegistryUninstall(*rows, states, located, log)) {
         if (row.file.empty()) direct.push_back(UninstallWork(row));
