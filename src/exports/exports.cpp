@@ -1,6 +1,7 @@
 // The exported custom actions: one thin function per action, each running its
 // feature inside the action frame. Nothing else lives here.
 
+#include "actions/files/move_file_actions.h"
 #include "actions/files/text_file_actions.h"
 #include "actions/registry/registry_ex_actions.h"
 #include "actions/registry/registry_fixups.h"
@@ -21,6 +22,11 @@ UTILS_ACTION(InstallTextFiles, TextFiles)
 UTILS_ACTION(InstallTextFilesDeferred, TextFiles)
 UTILS_ACTION(InstallTextFilesRollback, None)
 UTILS_ACTION(InstallTextFilesCommit, None)
+
+UTILS_ACTION(MoveFilesEx, MoveFiles)
+UTILS_ACTION(MoveFilesExDeferred, MoveFiles)
+UTILS_ACTION(MoveFilesExFinalize, None)
+UTILS_ACTION(MoveFilesExRollback, None)
 
 UTILS_ACTION(InstallRegFiles, TextFiles)
 UTILS_ACTION(UninstallRegFiles, TextFiles)

@@ -5,6 +5,7 @@
 #include "runtime/program_log.h"
 #include "runtime/throw.h"
 #include "runtime/unique_handle.h"
+#include "services/file_write.h"
 #include "services/path.h"
 
 namespace setup {
@@ -71,6 +72,95 @@ bool FileExists(std::wstring_view path) {
     const std::wstring name(path);
     const DWORD attributes = ::GetFileAttributesW(name.c_str());
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
+}
+
+bool FolderExists(std::wstring_view path) {
+    const std::wstring name(path);
+    const DWORD attributes = ::GetFileAttributesW(name.c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+bool IsFileInUse(std::wstring_view path) {
+    const std::wstring name(path);
+    FileHandle file(::CreateFileW(name.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                  FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (file) return false;
+    if (::GetLastError() != ERROR_SHARING_VIOLATION) return false;
+    LogInfo(L"The file '%s' is being used by another process.", name);
+    return true;
+}
+
+void CopyFileTime(std::wstring_view source, std::wstring_view destination) {
+    const std::wstring from(source);
+    const std::wstring to(destination);
+    FileHandle in(::CreateFileW(from.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!in) {
+        LogInfo(L"Failed to open source file '%s'. Error 0x%x.", from, LastErrorHResult());
+        return;
+    }
+    FILETIME created, accessed, written;
+    if (!::GetFileTime(in.Get(), &created, &accessed, &written)) {
+        LogInfo(L"Failed to get file time '%s'. Error 0x%x.", from, LastErrorHResult());
+        return;
+    }
+    FileHandle out(::CreateFileW(to.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!out) {
+        LogInfo(L"Failed to open destination file '%s'. Error 0x%x.", to, LastErrorHResult());
+        return;
+    }
+    if (!::SetFileTime(out.Get(), &created, &accessed, &written)) {
+        LogInfo(L"Failed to get file time '%s'. Error 0x%x.", to, LastErrorHResult());
+    }
+}
+
+void CopyFileOnReboot(std::wstring_view source, std::wstring_view destination) {
+    const std::wstring from(source);
+    const std::wstring to(destination);
+    std::wstring staged;
+    {
+        NewFile file = CreateStagingFile(DirectoryOf(to), L"TBM");
+        staged = file.path;
+    }
+    LogInfo(L"Copy file on reboot '%s' -> '%s' -> '%s'.", from, staged, to);
+    if (!::CopyFileW(from.c_str(), staged.c_str(), FALSE)) {
+        const HResult hr = LastErrorHResult();
+        ::DeleteFileW(staged.c_str());
+        Throw(hr, L"Failed to prepare copy file on reboot '" + from + L"' -> '" + staged + L"'.");
+    }
+    CopyFileTime(from, staged);
+    QueueReplacementAtRestart(staged, to, L"Failed to copy file on reboot '" + from + L"' -> '" + to + L"'.");
+}
+
+void CopyFileWithFallback(std::wstring_view source, std::wstring_view destination, bool allowReboot) {
+    const std::wstring from(source);
+    const std::wstring to(destination);
+    LogInfo(L"Copy file '%s' -> '%s'.", from, to);
+    if (!IsFileInUse(to) && ::CopyFileW(from.c_str(), to.c_str(), FALSE)) {
+        CopyFileTime(from, to);
+        return;
+    }
+    if (!allowReboot) Throw(LastErrorHResult(), L"Failed to copy file '" + from + L"' -> '" + to + L"'.");
+    CopyFileOnReboot(from, to);
+}
+
+void MoveFileWithFallback(std::wstring_view source, std::wstring_view destination, bool allowReboot) {
+    const std::wstring from(source);
+    const std::wstring to(destination);
+    LogInfo(L"Move file '%s' -> '%s'.", from, to);
+    if (::MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING)) return;
+    if (!allowReboot) Throw(LastErrorHResult(), L"Failed to move file '" + from + L"' -> '" + to + L"'.");
+    MoveFileOnReboot(from, to);
+}
+
+void CreateFolders(std::wstring_view folder) {
+    const std::wstring path(folder);
+    if (path.empty() || FolderExists(path)) return;
+    const std::wstring parent = DirectoryOf(path);
+    // A drive ("C:") or a share's root has no parent to create.
+    if (!parent.empty() && parent.size() < path.size() && parent.back() != L':') CreateFolders(parent);
+    if (::CreateDirectoryW(path.c_str(), nullptr) || ::GetLastError() == ERROR_ALREADY_EXISTS) return;
+    Throw(LastErrorHResult(), L"Failed to create folder '" + path + L"'.");
 }
 
 Wow64FsRedirectionGuard::Wow64FsRedirectionGuard() {

@@ -28,6 +28,32 @@ void RemoveFileOnReboot(std::wstring_view path);
 void RemoveFileWithFallback(std::wstring_view path, bool allowReboot);
 // True when `path` names an existing file (not a directory).
 bool FileExists(std::wstring_view path);
+// True when `path` names an existing folder.
+bool FolderExists(std::wstring_view path);
+
+// True when another process holds `path` open without letting us write it
+// (logs "The file '<path>' is being used by another process."). A missing or
+// inaccessible file is not in use.
+bool IsFileInUse(std::wstring_view path);
+// Gives `destination` the creation, access and write times of `source`.
+// Logged only: a failure never throws.
+void CopyFileTime(std::wstring_view source, std::wstring_view destination);
+// Copies `source` into a staging file beside `destination` (same volume, so
+// the restart-time rename cannot fail for crossing volumes) and queues the
+// deletion of the destination and the rename of the staging file onto it.
+// Throws "Failed to prepare copy file on reboot ..." or "Failed to copy file
+// on reboot ...".
+void CopyFileOnReboot(std::wstring_view source, std::wstring_view destination);
+// Copies now, with the source's times; when the destination is in use or the
+// copy fails, at the next restart if `allowReboot`, else throws
+// "Failed to copy file '<source>' -> '<destination>'.".
+void CopyFileWithFallback(std::wstring_view source, std::wstring_view destination, bool allowReboot);
+// Moves now (replacing the destination, same volume only); when that fails, at
+// the next restart if `allowReboot`, else throws "Failed to move file ...".
+void MoveFileWithFallback(std::wstring_view source, std::wstring_view destination, bool allowReboot);
+// Creates `folder` and every missing folder above it. Throws
+// "Failed to create folder '<folder>'." with the error.
+void CreateFolders(std::wstring_view folder);
 
 // Turns off WOW64 file-system redirection for its lifetime. The functions are
 // looked up at run time, so systems without WOW64 load the DLL and the guard

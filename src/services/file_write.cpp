@@ -84,6 +84,22 @@ void WriteUtf16File(std::wstring_view path, std::wstring_view text) {
     ThrowLastErrorIf(!ok, L"Failed to write file '" + name + L"'.");
 }
 
+void AppendUtf16File(std::wstring_view path, std::wstring_view text) {
+    const std::wstring name(path);
+    CheckWritablePath(name);
+    CheckNotLink(name);
+    const std::wstring failure = L"Failed to write file '" + name + L"'.";
+    FileHandle file(::CreateFileW(name.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ, nullptr, OPEN_ALWAYS,
+                                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    ThrowLastErrorIf(!file, failure);
+    if (HandleIsReparsePoint(file.Get())) RefuseLink(name);
+    LARGE_INTEGER size{};
+    ThrowLastErrorIf(!::GetFileSizeEx(file.Get(), &size), failure);
+    std::wstring content = Utf16Content(text);
+    if (size.QuadPart != 0) content.erase(0, 1);  // the byte-order mark belongs at the start only
+    ThrowLastErrorIf(!WriteAll(file.Get(), content.data(), content.size() * sizeof(wchar_t)), failure);
+}
+
 NewFile CreateStagingFile(std::wstring_view directory, std::wstring_view prefix) {
     const std::wstring failure = L"Failed to get temp file '" + std::wstring(directory) + L"\\" + std::wstring(prefix) + L"'.";
     DWORD error = ERROR_FILE_EXISTS;

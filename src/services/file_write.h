@@ -34,6 +34,11 @@ void CheckNotLink(std::wstring_view path);
 // link (reparse point)." or "Failed to write file '<path>'." with the error.
 void WriteUtf16File(std::wstring_view path, std::wstring_view text);
 
+// Appends `text` to `path` as UTF-16LE (created with a byte-order mark when
+// it is new or empty; each line feed becomes CR LF). Throws "Refused to write
+// '<path>': it is a link (reparse point)." or "Failed to write file '<path>'.".
+void AppendUtf16File(std::wstring_view path, std::wstring_view text);
+
 // A new empty file, created exclusively and still open for writing.
 struct NewFile {
     std::wstring path;

@@ -1,5 +1,7 @@
 #include "services/pending_rename_list.h"
 
+#include <cwctype>
+
 #include "runtime/action_data.h"
 
 namespace setup {
@@ -71,7 +73,8 @@ PendingRenameList DecodePendingRenames(std::wstring_view text) {
 
 PendingRenameRollback PlanPendingRenameRollback(const PendingRenameSnapshot& snapshot,
                                                 const PendingRenameList& current,
-                                                const std::set<std::wstring>& rollbackPaths, LogSink& log) {
+                                                const std::set<std::wstring>& rollbackPaths, LogSink& log,
+                                                const std::set<std::wstring>& keptSources) {
     PendingRenameRollback plan;
     const std::size_t before = snapshot.entries.size();
     if (before > current.size()) {
@@ -94,7 +97,7 @@ PendingRenameRollback PlanPendingRenameRollback(const PendingRenameSnapshot& sna
         }
         const std::wstring source = RemoveNtPrefix(entry.source);
         log.Info(L"Rollback pending rename '%s' -> '%s'.", source, RemoveNtPrefix(entry.target));
-        if (onto) {
+        if (onto && keptSources.count(source) == 0) {
             log.Info(L"Need to delete rollback file '%s'.", source);
             plan.deletions.push_back(source);
         }
@@ -103,6 +106,30 @@ PendingRenameRollback PlanPendingRenameRollback(const PendingRenameSnapshot& sna
     // Put back what was there: no value when there was none and nothing else is left.
     plan.write = plan.kept.empty() && !snapshot.exists ? PendingRenameWrite::Remove : PendingRenameWrite::Write;
     return plan;
+}
+
+namespace {
+
+bool SamePath(std::wstring_view a, std::wstring_view b) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        if (std::towlower(a[i]) != std::towlower(b[i])) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool HasPendingRename(const PendingRenameList& list, std::wstring_view source, std::wstring_view destination) {
+    for (const PendingRename& entry : list) {
+        std::wstring target = entry.target;
+        if (!target.empty() && target.front() == L'!') target.erase(0, 1);
+        if (SamePath(RemoveNtPrefix(entry.source), source) && !target.empty() &&
+            SamePath(RemoveNtPrefix(target), destination)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace setup

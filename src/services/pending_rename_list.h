@@ -71,9 +71,16 @@ struct PendingRenameRollback {
 // source (a staging file) is deleted; the deletion of a rollback path goes;
 // any other entry (another program's) stays, byte for byte. A snapshot longer
 // than the current list means someone already trimmed it: nothing changes.
-// Logs each dropped entry and each deletion.
+// Logs each dropped entry and each deletion. A rename whose source is in
+// `keptSources` goes without its source being deleted: a move queued for the
+// restart renames the user's own file, not a staging copy.
 PendingRenameRollback PlanPendingRenameRollback(const PendingRenameSnapshot& snapshot,
                                                 const PendingRenameList& current,
-                                                const std::set<std::wstring>& rollbackPaths, LogSink& log);
+                                                const std::set<std::wstring>& rollbackPaths, LogSink& log,
+                                                const std::set<std::wstring>& keptSources = {});
+
+// True when the list holds the rename of `source` onto `destination`
+// (prefixes and a replacing marker aside, letter case ignored).
+bool HasPendingRename(const PendingRenameList& list, std::wstring_view source, std::wstring_view destination);
 
 }  // namespace setup

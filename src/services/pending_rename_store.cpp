@@ -152,7 +152,13 @@ void RemovePendingRenames() {
     ThrowIfWin32Error(status, L"Failed to delete registry value: " + kValuePath);
 }
 
-void RollbackPendingRenames(const PendingRenameSnapshot& snapshot, const std::set<std::wstring>& rollbackPaths) {
+PendingRenameList ReadPendingRenamesLeniently() {
+    std::wstring what;
+    return ListOf(ReadPendingRenameValue(), what).value_or(PendingRenameList{});
+}
+
+void RollbackPendingRenames(const PendingRenameSnapshot& snapshot, const std::set<std::wstring>& rollbackPaths,
+                            const std::set<std::wstring>& keptSources) {
     ProgramLogSink log;
     PendingRenameRollback plan;
     {
@@ -165,7 +171,7 @@ void RollbackPendingRenames(const PendingRenameSnapshot& snapshot, const std::se
             LogInfo(L"%s It is left as it is.", what);
             return;
         }
-        plan = PlanPendingRenameRollback(snapshot, *current, rollbackPaths, log);
+        plan = PlanPendingRenameRollback(snapshot, *current, rollbackPaths, log, keptSources);
         if (plan.write == PendingRenameWrite::Write) WritePendingRenames(plan.kept);
         if (plan.write == PendingRenameWrite::Remove) RemovePendingRenames();
     }  // the mutex is held from the read to the write only

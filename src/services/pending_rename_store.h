@@ -70,6 +70,11 @@ void RemovePendingRenames();
 // Takes back the entries an action added since `snapshot` for `rollbackPaths`
 // (see PlanPendingRenameRollback), then deletes their staging files. A value
 // that is absent, of another type or malformed is left exactly as it is.
-void RollbackPendingRenames(const PendingRenameSnapshot& snapshot, const std::set<std::wstring>& rollbackPaths);
+void RollbackPendingRenames(const PendingRenameSnapshot& snapshot, const std::set<std::wstring>& rollbackPaths,
+                            const std::set<std::wstring>& keptSources = {});
+
+// The list as it stands, for a look only; a value that does not read as a
+// list reads as an empty one.
+PendingRenameList ReadPendingRenamesLeniently();
 
 }  // namespace setup

@@ -8,6 +8,7 @@ the failing install through the real msiexec, records it again and compares.
 """
 
 import os
+import shutil
 import unittest
 
 from machine_state import HeldFile, Manifests, MachineState, WevtutilDouble, differences, rename_value, \
@@ -20,6 +21,7 @@ MANIFEST_ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "Ins
 BEFORE_TEXT_FILES = 4400   # InstallTextFiles schedules at 4500
 AFTER_REGISTRY = 5025      # InstallRegFiles schedules at 5020
 AFTER_REGISTRY_REMOVAL = 2650  # UninstallRegFiles schedules at 2590
+AFTER_MOVE_FILES = 4515   # MoveFilesEx schedules at 4510
 AFTER_EVERYTHING = 6550    # after every family's deferred work, before InstallFinalize
 OLD_TIME = 1_500_000_000   # a last-write time no write of today can produce
 
@@ -281,6 +283,100 @@ class RegistryFaults(FaultCase):
         self.assertIn("Remove registry value: Key '" + self.key + "', Name 'New'.",
                       library_lines(log, "UninstallRegistryDeferred"))
         self.assertUnchanged(before, state.capture(), log)
+
+
+class MoveFileFaults(FaultCase):
+    """MoveFileEx rows that copy and move over existing files and into new
+    folders, in the immediate and deferred phases, beside another program's
+    restart-time renames: a failure anywhere leaves files, times, folders and
+    the rename list as they were, and moved files back at their sources."""
+
+    MOVE, IMMEDIATE, DEFERRED, ROLLBACK, AT_RESTART = 0x20, 0x100, 0x200, 0x800, 0x1000
+
+    def setUp(self):
+        super().setUp()
+        self.name = self.id().split(".")[-1][:40]
+        self.win = "C:\\mfx-fault\\" + self.name
+        self.root = self.prefix.host_path(self.win)
+        shutil.rmtree(self.prefix.host_path("C:\\mfx-fault"), ignore_errors=True)
+        self.root.mkdir(parents=True)
+
+    def file(self, name, data):
+        path = self.root / name
+        path.write_bytes(data)
+        os.utime(path, (OLD_TIME, OLD_TIME))
+
+    def rows(self):
+        w, install = self.win, 0x1
+        self.file("src.txt", b"source")
+        self.file("over.txt", b"old over")
+        self.file("now.txt", b"old now")
+        self.file("move-me.txt", b"moving")
+        self.file("move-over.txt", b"old move-over")
+        self.file("move-me-2.txt", b"moving too")
+        self.file("later.txt", b"at restart")
+        return [
+            ("Over", f"{w}\\src.txt", f"{w}\\over.txt", install | self.DEFERRED),
+            ("New", f"{w}\\src.txt", f"{w}\\new\\deep\\new.txt", install | self.DEFERRED),
+            ("Now", f"{w}\\src.txt", f"{w}\\now.txt", install | self.IMMEDIATE),
+            ("MoveOver", f"{w}\\move-me.txt", f"{w}\\move-over.txt", install | self.DEFERRED | self.MOVE),
+            ("MoveNew", f"{w}\\move-me-2.txt", f"{w}\\moved\\two.txt", install | self.DEFERRED | self.MOVE),
+            ("Later", f"{w}\\later.txt", f"{w}\\over.txt", install | self.DEFERRED | self.MOVE | self.AT_RESTART),
+            ("OnRollback", f"{w}\\src.txt", "C:\\mfx-fault\\rolled-back.txt", install | self.ROLLBACK),
+        ]
+
+    def check(self, name, rows, fail_at=AFTER_EVERYTHING, hold=None):
+        package = Package(name[:48]).add_component("Main", [("readme", "readme.txt", "r")])
+        package.add_table("MoveFileEx", [(i, "Main", s, d, str(a), "") for i, s, d, a in rows])
+        if fail_at:
+            package.fail_at(fail_at)
+        set_rename_value(self.prefix, utf16_hex(FOREIGN))
+        state = MachineState(self.prefix, [self.root])
+        before = state.capture()
+        if hold:
+            with HeldFile(self.prefix, f"{self.win}\\{hold}", "none"):
+                code, log = self.run_msiexec(package, "/i")
+        else:
+            code, log = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 1603, log[-3000:])
+        self.assertUnchanged(before, state.capture(), log)
+        return log
+
+    def test_install_fails_after_the_moves(self):
+        for case, at in (("after the deferred rows", AFTER_MOVE_FILES), ("at the end", AFTER_EVERYTHING)):
+            with self.subTest(case=case):
+                shutil.rmtree(self.root, ignore_errors=True)
+                self.root.mkdir(parents=True)
+                rolled_back = self.prefix.host_path("C:\\mfx-fault\\rolled-back.txt")
+                rolled_back.unlink(missing_ok=True)
+                log = self.check("FaultMove" + case.replace(" ", ""), self.rows(), fail_at=at)
+                self.assertIn(f"Move file '{self.win}\\move-over.txt' -> '{self.win}\\move-me.txt'.",
+                              library_lines(log, "MoveFilesExRollback"))
+                # The rollback row ran, and only in rollback.
+                self.assertEqual(rolled_back.read_bytes(), b"source")
+
+    def test_a_failing_row_inside_the_deferred_and_the_immediate_action(self):
+        w = self.win
+        missing = (f"{w}\\missing.txt", f"{w}\\x.txt")
+        for phase in (self.DEFERRED, self.IMMEDIATE):
+            with self.subTest(phase=hex(phase)):
+                shutil.rmtree(self.root, ignore_errors=True)
+                self.root.mkdir(parents=True)
+                rows = self.rows()
+                rows.insert(4, ("Missing",) + missing + (0x1 | phase,))
+                log = self.check(f"FaultMoveInside{phase}", rows, fail_at=None)
+                action = "MoveFilesExDeferred" if phase == self.DEFERRED else "MoveFilesEx"
+                self.assertIn(f"The source file '{w}\\missing.txt' does not exist. Error 0x80070002.",
+                              library_lines(log, action))
+
+    def test_a_destination_held_open_by_another_program(self):
+        self.file("held.txt", b"held")
+        self.file("src.txt", b"source")
+        rows = [("Copy", f"{self.win}\\src.txt", f"{self.win}\\held.txt", 0x1 | self.DEFERRED),
+                ("Move", f"{self.win}\\src.txt", f"{self.win}\\held.txt", 0x1 | self.DEFERRED | self.MOVE)]
+        log = self.check("FaultMoveHeld", rows, hold="held.txt")
+        self.assertIn(f"The file '{self.win}\\held.txt' is being used by another process.",
+                      library_lines(log, "MoveFilesExDeferred"))
 
 
 if __name__ == "__main__":

@@ -86,6 +86,20 @@ TEST(PendingRenameRollback, PutsBackWhatWasThereAndWritesNothingWhenNothingIsOur
     EXPECT_TRUE(older.log.empty());
 }
 
+TEST(PendingRenameRollback, AQueuedMoveGoesWithoutItsSourceAndIsFoundOnlyOnce) {
+    const PendingRenameList current = {{L"\\??\\C:\\app\\a.txt", L""},
+                                       {L"\\??\\C:\\user\\mine.txt", L"\\??\\C:\\app\\a.txt"}};
+    RecordingLogSink log;
+    const PendingRenameRollback plan =
+        PlanPendingRenameRollback({true, {}}, current, {L"C:\\app\\a.txt"}, log, {L"C:\\user\\mine.txt"});
+    EXPECT_TRUE(plan.kept.empty());
+    EXPECT_TRUE(plan.deletions.empty());  // the user's own file, not a staging copy
+    EXPECT_TRUE(HasPendingRename(current, L"c:\\USER\\mine.txt", L"C:\\app\\A.TXT"));
+    EXPECT_TRUE(HasPendingRename({{L"\\??\\C:\\s", L"!\\??\\C:\\d"}}, L"C:\\s", L"C:\\d"));
+    EXPECT_FALSE(HasPendingRename(current, L"C:\\app\\a.txt", L""));  // a deletion is not a rename
+    EXPECT_FALSE(HasPendingRename(current, L"C:\\app\\a.txt", L"C:\\user\\mine.txt"));
+}
+
 TEST(Path, OnlyAbsolutePathsWithoutForbiddenCharactersMayBeWritten) {
     for (const wchar_t* good : {L"C:\\a\\b.txt", L"c:/a", L"\\\\server\\share\\f", L"\\\\?\\C:\\long\\x",
                                 L"\\\\?\\UNC\\server\\share\\x"}) {

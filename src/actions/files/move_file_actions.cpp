@@ -1,0 +1,295 @@
+#include "actions/files/move_file_actions.h"
+
+#include <shlwapi.h>
+
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "actions/files/move_file_plan.h"
+#include "runtime/exception.h"
+#include "runtime/program_log.h"
+#include "runtime/throw.h"
+#include "services/file_operations.h"
+#include "services/file_restore.h"
+#include "services/file_write.h"
+#include "services/path.h"
+#include "services/pending_rename_store.h"
+
+namespace setup {
+
+namespace {
+
+using namespace move_file;
+
+constexpr wchar_t kTable[] = L"MoveFileEx";
+constexpr wchar_t kQuery[] =
+    L"SELECT `MoveFileEx`, `Component_`, `Source`, `Destination`, `Attributes`, `Condition` FROM `MoveFileEx`";
+
+std::optional<std::vector<MoveFileRow>> ReadRows(const Session& session) {
+    std::vector<MoveFileRow> rows;
+    const bool exists = session.ActiveDatabase().ForEachRowOfTable(kTable, kQuery, [&](const Record& record) {
+        MoveFileRow row;
+        row.id = record.GetString(1);
+        if (row.id.empty()) Throw(kFail, L"The id is empty in MoveFileEx table.");
+        row.component = record.GetString(2);
+        if (row.component.empty()) Throw(kFail, L"The component is empty in MoveFileEx row '" + row.id + L"'.");
+        row.source = session.FormatText(record.GetString(3));
+        row.destination = session.FormatText(record.GetString(4));
+        const int attributes = record.GetInteger(5);
+        row.attributes = attributes == static_cast<int>(MSI_NULL_INTEGER) ? 0 : attributes;
+        row.condition = record.GetString(6);
+        LogInfo(L"Configured move file %s, %s, %s, %s, %s, %d.", row.id, row.component, row.source, row.destination,
+                row.condition, row.attributes);
+        rows.push_back(std::move(row));
+    });
+    if (!exists) {
+        LogInfo(L"There is no 'MoveFileEx' table.");
+        return std::nullopt;
+    }
+    return rows;
+}
+
+class InstallerMoveFileMachine final : public MoveFileMachine {
+public:
+    bool FileExists(const std::wstring& path) override { return setup::FileExists(path); }
+    bool IsNetworkPath(const std::wstring& path) override { return ::PathIsNetworkPathW(path.c_str()) != FALSE; }
+    int MissingFolders(const std::wstring& path) override {
+        int missing = 0;
+        for (std::wstring folder = DirectoryOf(path); !folder.empty() && folder.back() != L':' && !FolderExists(folder);
+             folder = DirectoryOf(folder)) {
+            ++missing;
+        }
+        return missing;
+    }
+    std::wstring NewUuid() override { return CreateUuidString(); }
+};
+
+std::wstring RowText(const MoveFileItem& item) {
+    return L"'" + item.id + L"', '" + item.source + L"'->'" + item.destination + L"'";
+}
+
+// Carries out one row's copy or move, after backing up its destination.
+void CarryOut(const MoveFileItem& item) {
+    const std::wstring& from = item.source;
+    const std::wstring& to = item.destination;
+    if (const std::wstring problem = MoveFilePathProblem(from, to); !problem.empty()) {
+        Throw(kInvalidArgument, L"Cannot move files " + RowText(item) + L": " + problem + L".");
+    }
+    if (!FileExists(from)) {
+        if (FolderExists(from)) {
+            Throw(HResultFromWin32(ERROR_DIRECTORY), L"The source '" + from + L"' is a folder: only files are copied or moved.");
+        }
+        if (item.attributes & SourceOptional) {
+            LogInfo(L"Skip move files %s. The source does not exist and the row allows it (0x10).", RowText(item));
+            return;
+        }
+        Throw(HResultFromWin32(ERROR_FILE_NOT_FOUND), L"The source file '" + from + L"' does not exist.");
+    }
+    if (FolderExists(to)) {
+        Throw(HResultFromWin32(ERROR_DIRECTORY), L"The destination '" + to + L"' is a folder: it is never replaced by a file.");
+    }
+    CheckNotLink(to);
+    CreateFolders(DirectoryOf(to));
+    bool atRestart = (item.attributes & AtRestart) != 0;
+    if (!atRestart && FileExists(to) && IsFileInUse(to)) {
+        // It could not be replaced now anyway; it stays as it is until the
+        // restart, so there is nothing to back up (rollback takes back the
+        // queued replacement).
+        LogInfo(L"The destination is in use: the row is carried out at the next restart.");
+        atRestart = true;
+    }
+    if (!atRestart && !item.backup.empty() && FileExists(to)) {
+        LogInfo(L"Backing up file '%s' -> '%s'.", to, item.backup);
+        CopyToNewFile(to, item.backup);
+    }
+    if (atRestart) LogInfo(L"Need to move files on reboot %s.", RowText(item));
+    if (item.attributes & Move) {
+        if (!atRestart) return MoveFileWithFallback(from, to, true);
+        if (HasPendingRename(ReadPendingRenamesLeniently(), from, to)) {
+            LogInfo(L"Move file on reboot already scheduled '%s' -> '%s'.", from, to);
+            return;
+        }
+        return MoveFileOnReboot(from, to);
+    }
+    if (atRestart) return CopyFileOnReboot(from, to);
+    CopyFileWithFallback(from, to, true);
+}
+
+void WriteWarnings(const std::wstring& file, const std::vector<std::wstring>& warnings) {
+    if (warnings.empty()) return;
+    if (file.empty()) {
+        LogInfo(L"InstallationWarningsFilePath is not set: the warnings above are in this log only.");
+        return;
+    }
+    LogInfo(L"Write exceptions that wasn't raised due to the ContinueOnError row attribute to '%s'.", file);
+    std::wstring text;
+    for (const std::wstring& warning : warnings) text += warning + L"\n";
+    try {
+        AppendUtf16File(file, text);
+    } catch (const Exception& e) {
+        LogInfo(L"%s Error 0x%x.", e.Message(), e.Code());
+        LogInfo(L"Failed to write '%s'. Unknown exception.", file);
+    }
+}
+
+// Carries out the rows of one phase in order. A row that continues on error
+// becomes a warning (logged, and appended to the warnings file); any other
+// failure ends the phase.
+void CarryOutRows(const std::vector<MoveFileItem>& items, const std::wstring& warningsFile) {
+    std::vector<std::wstring> warnings;
+    for (const MoveFileItem& item : items) {
+        try {
+            CarryOut(item);
+        } catch (const Exception& e) {
+            if (!(item.attributes & ContinueOnError)) {
+                WriteWarnings(warningsFile, warnings);
+                throw;
+            }
+            warnings.push_back(Format(L"Warning: %s Error 0x%x.", e.Message(), e.Code()));
+            LogLine(warnings.back());
+        }
+    }
+    WriteWarnings(warningsFile, warnings);
+}
+
+// Removes, from the destination's folder upwards, the folders a row created
+// when they are empty again.
+void RemoveNewFolders(const MoveFileItem& item) {
+    std::wstring folder = DirectoryOf(item.destination);
+    for (int level = 0; level < item.newFolders && !folder.empty(); ++level, folder = DirectoryOf(folder)) {
+        if (!FolderExists(folder)) continue;
+        if (!::RemoveDirectoryW(folder.c_str())) return;  // not empty: someone else's files are in it
+        LogInfo(L"Remove folder '%s'.", folder);
+    }
+}
+
+// Takes back what `items` did, latest first: the restart-time renames they
+// queued, a moved file back to its source, the destination from its backup or,
+// when it did not exist, removed; then the folders they created.
+void UndoRows(const std::vector<MoveFileItem>& items, const PendingRenameSnapshot& snapshot) {
+    if (items.empty()) return;
+    std::set<std::wstring> pendingPaths;
+    std::set<std::wstring> movedSources;
+    for (const MoveFileItem& item : items) {
+        pendingPaths.insert(item.destination);
+        if (item.attributes & Move) movedSources.insert(item.source);
+    }
+    // First, so that a restart-time step queued below is not taken back with them.
+    LogInfo(L"Rollback pending rename operations.");
+    Leniently([&] { RollbackPendingRenames(snapshot, pendingPaths, movedSources); });
+    for (auto it = items.rbegin(); it != items.rend(); ++it) {
+        const MoveFileItem& item = *it;
+        const std::wstring& to = item.destination;
+        if (item.attributes & AtRestart) continue;  // only queued; taken back above
+        if (item.source.empty() || to.empty()) continue;
+        const bool backedUp = !item.backup.empty() && FileExists(item.backup);
+        bool movedBack = false;
+        if ((item.attributes & Move) && FileExists(to) && !FileExists(item.source) && (item.backup.empty() || backedUp)) {
+            LogInfo(L"Move file '%s' -> '%s'.", to, item.source);
+            movedBack = ::MoveFileExW(to.c_str(), item.source.c_str(), 0) != FALSE;
+            if (!movedBack) {
+                // The moved file stays where it is, and so does the backup: nothing is lost.
+                LogInfo(L"Failed to move file '%s' -> '%s'. Error 0x%x.", to, item.source, FailureFromWin32(::GetLastError()));
+                continue;
+            }
+        }
+        if (backedUp) {
+            Leniently([&] { RestoreFileFromBackup(to, item.backup); });
+        } else if (!item.backup.empty()) {
+            LogInfo(L"Need to rollback pending rename operations of '%s'.", to);
+        } else if (!movedBack && FileExists(to)) {
+            Leniently([&] { RemoveFileWithFallback(to, true); });
+        }
+        RemoveNewFolders(item);
+    }
+}
+
+void Schedule(const Session& session, const wchar_t* action, const MoveFileActionData& data) {
+    session.ScheduleDeferred(action, EncodeMoveFileActionData(data));
+}
+
+}  // namespace
+
+void MoveFilesEx(Session& session) {
+    Wow64FsRedirectionGuard redirection;
+    const std::optional<std::vector<MoveFileRow>> rows = ReadRows(session);
+    if (!rows) return;
+    SessionComponentStates states(session);
+    InstallerMoveFileMachine machine;
+    ProgramLogSink log;
+    MoveFilePhases phases = PlanMoveFiles(*rows, states, machine, log);
+
+    // In the order they run: immediate, then the impersonated deferred action, then the other.
+    std::vector<MoveFileItem> undoable = phases.immediate;
+    undoable.insert(undoable.end(), phases.deferredUser.begin(), phases.deferredUser.end());
+    undoable.insert(undoable.end(), phases.deferred.begin(), phases.deferred.end());
+    const bool work = !undoable.empty() || !phases.rollback.empty() || !phases.commit.empty();
+    if (!work) return;
+
+    MoveFileActionData data;
+    data.warningsFile = session.GetProperty(L"InstallationWarningsFilePath");
+    // Any row may fall back to the restart-time rename list; rollback takes
+    // back what was added to it since now.
+    if (!undoable.empty()) data.snapshot = TakePendingRenameSnapshot();
+
+    // Carried out before anything is scheduled: the installer runs no rollback
+    // for a failure while the script is being built, so a failing row takes
+    // back the immediate rows itself.
+    try {
+        CarryOutRows(phases.immediate, data.warningsFile);
+    } catch (...) {
+        LogInfo(L"Rolling back the immediate rows.");
+        UndoRows(phases.immediate, data.snapshot);
+        throw;
+    }
+
+    MoveFileActionData rollback = data;
+    rollback.items = std::move(phases.rollback);
+    rollback.undo = undoable;
+    if (!rollback.items.empty() || !rollback.undo.empty()) Schedule(session, L"MoveFilesExRollback", rollback);
+    data.snapshot = {};  // only rollback needs it
+    if (!phases.deferredUser.empty()) {
+        data.items = std::move(phases.deferredUser);
+        Schedule(session, L"MoveFilesExDeferredUser", data);
+    }
+    if (!phases.deferred.empty()) {
+        data.items = std::move(phases.deferred);
+        Schedule(session, L"MoveFilesExDeferred", data);
+    }
+    MoveFileActionData commit;
+    commit.warningsFile = data.warningsFile;
+    commit.items = std::move(phases.commit);
+    for (const MoveFileItem& item : undoable) {
+        if (!item.backup.empty()) commit.undo.push_back(item);
+    }
+    if (!commit.items.empty() || !commit.undo.empty()) Schedule(session, L"MoveFilesExFinalize", commit);
+}
+
+void MoveFilesExDeferred(Session& session) {
+    Wow64FsRedirectionGuard redirection;
+    const MoveFileActionData data = DecodeMoveFileActionData(session.CustomActionData());
+    CarryOutRows(data.items, data.warningsFile);
+}
+
+void MoveFilesExFinalize(Session& session) {
+    Wow64FsRedirectionGuard redirection;
+    const MoveFileActionData data = DecodeMoveFileActionData(session.CustomActionData());
+    for (const MoveFileItem& item : data.undo) {
+        if (item.backup.empty() || !FileExists(item.backup)) continue;
+        LogInfo(L"Cleanup file '%s'.", item.backup);
+        Leniently([&] { RemoveBackupFile(item.backup); });
+    }
+    CarryOutRows(data.items, data.warningsFile);
+}
+
+void MoveFilesExRollback(Session& session) {
+    Wow64FsRedirectionGuard redirection;
+    const MoveFileActionData data = DecodeMoveFileActionData(session.CustomActionData());
+    UndoRows(data.undo, data.snapshot);
+    CarryOutRows(data.items, data.warningsFile);
+}
+
+}  // namespace setup
