@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """The demo: a package that uses every table built so far (TextFile,
-EventManifest, RegistryEx), installed with Wine's msiexec in a fresh prefix under
+EventManifest, RegistryEx, MoveFileEx), installed with Wine's msiexec in a fresh prefix under
 build/demo, then uninstalled; prints what the library did and the log lines
 that explain each decision."""
 import os
@@ -36,6 +36,11 @@ REGISTRY_ROWS = [
     ("FileName", "2", DEMO_KEY, "Name", "[ProductName]", "Main", "0", "", "[INSTALLDIR]settings.reg"),
     ("FileFlags", "2", DEMO_KEY, "Flags", "#x0102", "Main", "0", "", "[INSTALLDIR]settings.reg"),
 ]
+# Copies the installed readme over an existing app.config: backed up first,
+# restored by a failing install, the backup removed by a successful one.
+MOVE_ROWS = [
+    ("CopyReadme", "Main", "[INSTALLDIR]readme.txt", "[INSTALLDIR]app.config", str(0x1 | 0x200), ""),
+]
 TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
 MANIFEST_ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "InstallEventManifestRollback",
                     "UninstallEventManifest", "UninstallEventManifestDeferred", "UninstallEventManifestRollback")
@@ -60,6 +65,7 @@ def demo_package(name, fail=False):
     package.add_table("TextFile", TEXT_ROWS)
     package.add_table("EventManifest", [("DemoEvents", "Events", "[#demo_events]")])
     package.add_table("RegistryEx", REGISTRY_ROWS)
+    package.add_table("MoveFileEx", MOVE_ROWS)
     if fail:
         package.fail_at(6550)
     return package
@@ -88,6 +94,9 @@ def main():
     settings = install_dir / "settings.ini"
     install_dir.mkdir(parents=True, exist_ok=True)
     settings.write_bytes("previous settings\r\n".encode("utf-16"))
+    config = install_dir / "app.config"
+    config.write_bytes(b"previous app.config\n")
+    show("app.config before anything", show_file(config))
 
     show("settings.ini before anything", show_file(settings))
     native = "HKLM\\" + ("Software\\Wow6432Node\\Setup Utils Demo" if ARCH == "x86" else DEMO_KEY)
@@ -108,7 +117,10 @@ def main():
          library_lines(log, "InstallEventManifestRollback"))
     show("InstallRegistryDeferred and InstallRegistryRollback logged",
          library_lines(log, "InstallRegistryDeferred") + library_lines(log, "InstallRegistryRollback"))
+    show("MoveFilesExDeferred and MoveFilesExRollback logged (backup, copy, restore)",
+         library_lines(log, "MoveFilesExDeferred") + library_lines(log, "MoveFilesExRollback"))
     show("settings.ini after the rollback (the previous file, byte for byte)", show_file(settings))
+    show("app.config after the rollback (the previous file, byte for byte)", show_file(config))
     show(f"{native} after the rollback (the value that was there, with its type)", registry_lines(prefix, native))
     show("The install folder, the registry key and the restart-time rename list after the rollback, against before",
          diff or ["identical: bytes, times, attributes, registry values, and the rename list"])
@@ -137,6 +149,10 @@ def main():
     show("InstallRegistryDeferred logged", library_lines(log, "InstallRegistryDeferred"))
     show(f"{native} after install", registry_lines(prefix, native))
     show("settings.reg after install (for the registry editor)", show_file(install_dir / "settings.reg"))
+    show("MoveFilesEx logged (why the row was taken, in which phase)", library_lines(log, "MoveFilesEx"))
+    show("MoveFilesExDeferred and MoveFilesExFinalize logged (backup, copy, backup removed)",
+         library_lines(log, "MoveFilesExDeferred") + library_lines(log, "MoveFilesExFinalize"))
+    show("app.config after install (the readme's copy)", show_file(config))
     show("Files in the install folder (no backups left)", sorted(p.name for p in install_dir.iterdir()))
 
     code, log = prefix.msiexec("/x", prefix.windows_path(msi), log=work / "uninstall.log")
