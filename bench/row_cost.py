@@ -6,7 +6,11 @@ baseline with no rows, one with N rows of the library's table and one with N
 rows of the installer's own table doing the same work. Families:
   text      TextFile rows against IniFile rows (WriteIniValues), over 100 files;
   registry  direct RegistryEx rows against Registry rows (WriteRegistryValues),
-            over 100 keys.
+            over 100 keys;
+  move      deferred MoveFileEx copies of an installed file against
+            DuplicateFile rows (DuplicateFiles) making the same copies; the
+            library's immediate and deferred time per row is also printed,
+            from its own log timestamps.
 Rounds interleave the three; every run gets a fresh copy of the template
 prefix with its server warm, and a verbose log. Printed per row: the excess
 over the baseline in wall time and CPU (msiexec and its processes, and the
@@ -15,7 +19,7 @@ rounds, and the ratio TextFile/IniFile of the medians. The installer calls
 the library made per row are counted from a run with the verbose-level
 statistics line ("Installer calls: N.").
 
-  bench/row_cost.py [--family text|registry] [--rows 1000,10000] [--rounds 3]
+  bench/row_cost.py [--family text|registry|move] [--rows 1000,10000] [--rounds 3]
 """
 
 import argparse
@@ -39,6 +43,8 @@ PREFIX = BUILD / "bench" / "prefix"
 TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
 REGISTRY_HEADER = ["Registry\tRoot\tKey\tName\tValue\tComponent_", "s72\ti2\tl255\tL255\tL0\ts72",
                    "Registry\tRegistry"]
+DUPLICATE_HEADER = ["DuplicateFile\tComponent_\tFile_\tDestName\tDestFolder", "s72\ts72\ts72\tL255\tS72",
+                    "DuplicateFile\tDuplicateFile"]
 INI_HEADER = ["IniFile\tFileName\tDirProperty\tSection\tKey\tValue\tAction\tComponent_",
               "s72\tl255\tS72\tl96\tl128\tl255\ti2\ts72", "IniFile\tIniFile"]
 
@@ -62,13 +68,30 @@ def package(family, kind, rows):
         p.tables["Registry"] = (REGISTRY_HEADER, [[f"R{i}", "2", key.format(i % FILES), f"v{i}",
                                                    f"value {i} of [ProductName]", "Main"] for i in range(rows)])
         p.sequence += [["WriteRegistryValues", "", "5000"], ["RemoveRegistryValues", "", "2600"]]
+    elif (family, kind) == ("move", "ours"):
+        p.add_table("MoveFileEx", [(f"M{i}", "Main", "[INSTALLDIR]readme.txt", f"[INSTALLDIR]copy{i}.txt",
+                                    str(0x201), "") for i in range(rows)])
+    elif (family, kind) == ("move", "theirs"):
+        p.tables["DuplicateFile"] = (DUPLICATE_HEADER, [[f"D{i}", "Main", "readme", f"copy{i}.txt", "INSTALLDIR"]
+                                                        for i in range(rows)])
+        p.sequence += [["DuplicateFiles", "", "4210"], ["RemoveDuplicateFiles", "", "3400"]]
     return p
+
+
+def action_span(log_text, action):
+    """Seconds from the first to the last line the library logged for `action`."""
+    stamps = [sum(int(x) * f for x, f in zip(m.groups(), (3600, 60, 1, 0.001)))
+              for m in re.finditer(rf"^{action} \(\w+:\w+\) \[(\d+):(\d+):(\d+):(\d+)\]:", log_text, re.M)]
+    return max(stamps) - min(stamps) if stamps else None
 
 
 FAMILIES = {  # labels of ours and theirs, and the immediate action whose installer calls are counted
     "text": ("TextFile", "IniFile", "InstallTextFiles"),
     "registry": ("RegistryEx", "Registry", "InstallRegFiles"),
+    "move": ("MoveFileEx", "DuplicateFile", "MoveFilesEx"),
 }
+UNITS = {"text": "files", "registry": "keys", "move": "copies of one installed file"}
+FILES_PER_FAMILY = {"text": FILES, "registry": FILES, "move": ""}
 
 
 def cpu_of(pid):
@@ -140,12 +163,18 @@ def main():
         ours, theirs, counted = FAMILIES[args.family]
         msis = {kind: package(args.family, kind, rows).build(work) for kind in ("base", "ours", "theirs")}
         results = {kind: {"install": [], "uninstall": []} for kind in msis}
+        spans = {"MoveFilesEx": [], "MoveFilesExDeferred": []}
         for round_ in range(args.rounds):
             for kind, msi in msis.items():
                 prefix = fresh_prefix()
                 log = work / f"{kind}-{rows}-{round_}.log"
                 wall, cpu, text = timed(prefix, "/i", prefix.windows_path(msi), log=log)
                 results[kind]["install"].append((wall, cpu))
+                if args.family == "move" and kind == "ours":
+                    for action in spans:
+                        span = action_span(text, action)
+                        if span is not None:
+                            spans[action].append(1000 * span / rows)
                 wall, cpu, _ = timed(prefix, "/x", prefix.windows_path(msi), log=work / f"{kind}-{rows}-{round_}-x.log")
                 results[kind]["uninstall"].append((wall, cpu))
         # The calls are counted in a run of its own: verbose logging adds the line.
@@ -155,8 +184,8 @@ def main():
         found = [int(m) for line in library_lines(text, counted)
                  for m in re.findall(r"^Installer calls: (\d+)\.$", line)]
         calls = found[0] if found else None
-        print(f"== {ours} against {theirs}: {rows} rows over {FILES} "
-              f"{'files' if args.family == 'text' else 'keys'}, {args.rounds} interleaved rounds (per row, excess "
+        print(f"== {ours} against {theirs}: {rows} rows over {FILES_PER_FAMILY[args.family]} "
+              f"{UNITS[args.family]}, {args.rounds} interleaved rounds (per row, excess "
               f"over the baseline package)")
         for phase in ("install", "uninstall"):
             base_wall = statistics.median(w for w, _ in results["base"][phase])
@@ -173,6 +202,10 @@ def main():
             ratio_wall = medians["ours"][0] / medians["theirs"][0] if medians["theirs"][0] > 0 else float("nan")
             ratio_cpu = medians["ours"][1] / medians["theirs"][1] if medians["theirs"][1] > 0 else float("nan")
             print(f"   {phase:9} ratio {ours}/{theirs}: wall {ratio_wall:.2f}, cpu {ratio_cpu:.2f}")
+        for action, values in spans.items():
+            if values:
+                print(f"   {action} itself: ms/row min {min(values):6.3f} median {statistics.median(values):6.3f} "
+                      f"max {max(values):6.3f}")
         if calls is not None:
             print(f"   installer calls of {counted}: {calls}, {calls / rows:.2f} per row")
     return 0

@@ -102,6 +102,12 @@ class MoveFiles(unittest.TestCase):
         commit = library_lines(log, "MoveFilesExFinalize")
         self.assertTrue(any(line.startswith("Cleanup file ") for line in commit), commit)
         self.assertNotIn("MoveFilesExRollback initialized.", log)
+        # The uninstall row runs on uninstall only.
+        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertEqual((self.root / "uninstall.txt").read_bytes(), b"new c")
+        self.assertIn(f"Need to move files 'Uninstall', '{w}\\c.txt'->'{w}\\uninstall.txt'. Component to do 2.",
+                      library_lines(log, "MoveFilesEx"))
 
     def test_continue_on_error_rows_fail_as_warnings_and_the_rest_runs(self):
         w = self.win
@@ -147,6 +153,18 @@ class MoveFiles(unittest.TestCase):
                 self.assertTrue(any(line.startswith("Cannot move files 'Bad'") and line.endswith("Error 0x80070057.")
                                     for line in library_lines(log, "MoveFilesEx")), log[-3000:])
                 self.assertEqual(self.files(), ["a.txt"])
+
+    def test_destinations_longer_than_260_characters(self):
+        w = self.win
+        self.file("a.txt", "a")
+        deep = "\\".join(["d" * 60] * 5)
+        rows = [("Long", f"{w}\\a.txt", f"{w}\\{deep}\\long.txt", INSTALL | DEFERRED, ""),
+                ("Prefixed", f"{w}\\a.txt", f"\\\\?\\{w}\\{deep}\\prefixed.txt", INSTALL | DEFERRED, "")]
+        self.assertGreater(len(rows[0][2]), 300)
+        code, log = self.run_msiexec(self.package(rows), "/i")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertEqual((self.root / deep.replace("\\", os.sep) / "long.txt").read_bytes(), b"a")
+        self.assertEqual((self.root / deep.replace("\\", os.sep) / "prefixed.txt").read_bytes(), b"a")
 
     def test_restart_moves_are_queued_once_and_carried_out_by_a_restart(self):
         w = self.win

@@ -28,9 +28,30 @@ constexpr wchar_t kTable[] = L"MoveFileEx";
 constexpr wchar_t kQuery[] =
     L"SELECT `MoveFileEx`, `Component_`, `Source`, `Destination`, `Attributes`, `Condition` FROM `MoveFileEx`";
 
-std::optional<std::vector<MoveFileRow>> ReadRows(const Session& session) {
+constexpr wchar_t kChoicesQuery[] = L"SELECT DISTINCT `Component_`, `Attributes` FROM `MoveFileEx`";
+
+int IntegerOrZero(const Record& record, unsigned field) {
+    const int value = record.GetInteger(field);
+    return value == static_cast<int>(MSI_NULL_INTEGER) ? 0 : value;
+}
+
+// The table's rows with their paths formatted, or nothing when the package has
+// no such table or when no row can be chosen for what this installation does
+// to its components (each row costs the installer a dozen round trips; each
+// distinct component and bit set, one or two).
+std::optional<std::vector<MoveFileRow>> ReadRows(const Session& session, ComponentStates& states) {
+    const Database database = session.ActiveDatabase();
+    bool any = false;
+    const bool exists = database.ForEachRowOfTable(kTable, kChoicesQuery, [&](const Record& record) {
+        if (!any) any = MayBeChosen(states.State(record.GetString(1)), IntegerOrZero(record, 2));
+    });
+    if (!exists) return std::nullopt;
+    if (!any) {
+        LogInfo(L"No MoveFileEx row is selected by what this installation does to its components.");
+        return std::nullopt;
+    }
     std::vector<MoveFileRow> rows;
-    const bool exists = session.ActiveDatabase().ForEachRowOfTable(kTable, kQuery, [&](const Record& record) {
+    database.ForEachRow(kQuery, [&](const Record& record) {
         MoveFileRow row;
         row.id = record.GetString(1);
         if (row.id.empty()) Throw(kFail, L"The id is empty in MoveFileEx table.");
@@ -38,17 +59,12 @@ std::optional<std::vector<MoveFileRow>> ReadRows(const Session& session) {
         if (row.component.empty()) Throw(kFail, L"The component is empty in MoveFileEx row '" + row.id + L"'.");
         row.source = session.FormatText(record.GetString(3));
         row.destination = session.FormatText(record.GetString(4));
-        const int attributes = record.GetInteger(5);
-        row.attributes = attributes == static_cast<int>(MSI_NULL_INTEGER) ? 0 : attributes;
+        row.attributes = IntegerOrZero(record, 5);
         row.condition = record.GetString(6);
         LogInfo(L"Configured move file %s, %s, %s, %s, %s, %d.", row.id, row.component, row.source, row.destination,
                 row.condition, row.attributes);
         rows.push_back(std::move(row));
     });
-    if (!exists) {
-        LogInfo(L"There is no 'MoveFileEx' table.");
-        return std::nullopt;
-    }
     return rows;
 }
 
@@ -215,9 +231,9 @@ void Schedule(const Session& session, const wchar_t* action, const MoveFileActio
 
 void MoveFilesEx(Session& session) {
     Wow64FsRedirectionGuard redirection;
-    const std::optional<std::vector<MoveFileRow>> rows = ReadRows(session);
-    if (!rows) return;
     SessionComponentStates states(session);
+    const std::optional<std::vector<MoveFileRow>> rows = ReadRows(session, states);
+    if (!rows) return;
     InstallerMoveFileMachine machine;
     ProgramLogSink log;
     MoveFilePhases phases = PlanMoveFiles(*rows, states, machine, log);

@@ -22,6 +22,11 @@ bool Accepts(int attributes, ComponentTask task) {
     }
 }
 
+bool FileAbsent(const ComponentState& state) {
+    const bool installedHere = state.installed == install_state::Local || state.installed == install_state::Source;
+    return installedHere && state.action == install_state::Removed;
+}
+
 MoveFileItem ItemOf(const MoveFileRow& row) {
     MoveFileItem item;
     item.id = row.id;
@@ -71,6 +76,11 @@ std::wstring EncodeItems(const std::vector<MoveFileItem>& items) {
 
 }  // namespace
 
+bool MayBeChosen(const std::optional<ComponentState>& state, int attributes) {
+    if (!state || FileAbsent(*state)) return false;
+    return Accepts(attributes, ClassifyComponent(*state));
+}
+
 Decision DecideMoveFile(ComponentStates& states, const MoveFileRow& row, LogSink& log) {
     Decision d;
     if (const auto state = states.State(row.component)) {
@@ -91,8 +101,7 @@ Decision DecideMoveFile(ComponentStates& states, const MoveFileRow& row, LogSink
         log.Info(L"Skip move files '%s', '%s'->'%s'. Condition is '%d'.", id, from, to, d.condition);
         return d;
     }
-    const bool installedHere = d.state.installed == install_state::Local || d.state.installed == install_state::Source;
-    if (installedHere && d.state.action == install_state::Removed) {
+    if (FileAbsent(d.state)) {
         d.verdict = Verdict::FileAbsent;
         log.Info(L"Skip move files '%s', '%s'->'%s'. Component '%s' action is FileAbsent.", id, from, to, row.component);
         return d;

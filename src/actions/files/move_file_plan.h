@@ -4,6 +4,7 @@
 // functions over plain data; the actions feed them the rows and the machine's
 // answers.
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -72,6 +73,11 @@ public:
     virtual int MissingFolders(const std::wstring& path) = 0;
     virtual std::wstring NewUuid() = 0;
 };
+
+// Whether a row of a component in `state` with these bits can be chosen at
+// all (its condition aside): the component has a task, not a FileAbsent
+// uninstall, and the bits select the task.
+bool MayBeChosen(const std::optional<ComponentState>& state, int attributes);
 
 // The decision for one row, in this order: a component with nothing to do, the
 // row's condition, an uninstall that only removes files (FileAbsent), then the
