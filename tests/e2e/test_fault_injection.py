@@ -291,7 +291,7 @@ class MoveFileFaults(FaultCase):
     restart-time renames: a failure anywhere leaves files, times, folders and
     the rename list as they were, and moved files back at their sources."""
 
-    MOVE, IMMEDIATE, DEFERRED, ROLLBACK, AT_RESTART = 0x20, 0x100, 0x200, 0x800, 0x1000
+    MOVE, IMMEDIATE, DEFERRED, COMMIT, ROLLBACK, AT_RESTART = 0x20, 0x100, 0x200, 0x400, 0x800, 0x1000
 
     def setUp(self):
         super().setUp()
@@ -323,6 +323,7 @@ class MoveFileFaults(FaultCase):
             ("MoveNew", f"{w}\\move-me-2.txt", f"{w}\\moved\\two.txt", install | self.DEFERRED | self.MOVE),
             ("Later", f"{w}\\later.txt", f"{w}\\over.txt", install | self.DEFERRED | self.MOVE | self.AT_RESTART),
             ("OnRollback", f"{w}\\src.txt", "C:\\mfx-fault\\rolled-back.txt", install | self.ROLLBACK),
+            ("OnCommit", f"{w}\\src.txt", "C:\\mfx-fault\\committed.txt", install | self.COMMIT),
         ]
 
     def check(self, name, rows, fail_at=AFTER_EVERYTHING, hold=None):
@@ -352,8 +353,9 @@ class MoveFileFaults(FaultCase):
                 log = self.check("FaultMove" + case.replace(" ", ""), self.rows(), fail_at=at)
                 self.assertIn(f"Move file '{self.win}\\move-over.txt' -> '{self.win}\\move-me.txt'.",
                               library_lines(log, "MoveFilesExRollback"))
-                # The rollback row ran, and only in rollback.
+                # The rollback row ran; the commit row did not.
                 self.assertEqual(rolled_back.read_bytes(), b"source")
+                self.assertFalse(self.prefix.host_path("C:\\mfx-fault\\committed.txt").exists())
 
     def test_a_failing_row_inside_the_deferred_and_the_immediate_action(self):
         w = self.win
