@@ -136,7 +136,7 @@ void CopyFileWithFallback(std::wstring_view source, std::wstring_view destinatio
     const std::wstring from(source);
     const std::wstring to(destination);
     LogInfo(L"Copy file '%s' -> '%s'.", from, to);
-    if (!IsFileInUse(to) && ::CopyFileW(from.c_str(), to.c_str(), FALSE)) {
+    if (::CopyFileW(from.c_str(), to.c_str(), FALSE)) {
         CopyFileTime(from, to);
         return;
     }

@@ -44,9 +44,10 @@ void CopyFileTime(std::wstring_view source, std::wstring_view destination);
 // Throws "Failed to prepare copy file on reboot ..." or "Failed to copy file
 // on reboot ...".
 void CopyFileOnReboot(std::wstring_view source, std::wstring_view destination);
-// Copies now, with the source's times; when the destination is in use or the
-// copy fails, at the next restart if `allowReboot`, else throws
-// "Failed to copy file '<source>' -> '<destination>'.".
+// Copies now, with the source's times; when the copy fails, at the next
+// restart if `allowReboot`, else throws "Failed to copy file '<source>' ->
+// '<destination>'.". A caller that may meet a destination held open asks
+// IsFileInUse first (only when the destination exists: the probe is a lookup).
 void CopyFileWithFallback(std::wstring_view source, std::wstring_view destination, bool allowReboot);
 // Moves now (replacing the destination, same volume only); when that fails, at
 // the next restart if `allowReboot`, else throws "Failed to move file ...".
