@@ -2,6 +2,7 @@
 // feature inside the action frame. Nothing else lives here.
 
 #include "actions/files/move_file_actions.h"
+#include "actions/files/remove_file_actions.h"
 #include "actions/files/text_file_actions.h"
 #include "actions/registry/registry_ex_actions.h"
 #include "actions/registry/registry_fixups.h"
@@ -27,6 +28,10 @@ UTILS_ACTION(MoveFilesEx, MoveFiles)
 UTILS_ACTION(MoveFilesExDeferred, MoveFiles)
 UTILS_ACTION(MoveFilesExFinalize, None)
 UTILS_ACTION(MoveFilesExRollback, None)
+
+UTILS_ACTION(RemoveFilesEx, RemoveFiles)
+UTILS_ACTION(RemoveFilesExFinalize, RemoveFiles)
+UTILS_ACTION(RemoveFilesExRollback, None)
 
 UTILS_ACTION(InstallRegFiles, TextFiles)
 UTILS_ACTION(UninstallRegFiles, TextFiles)

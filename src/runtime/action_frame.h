@@ -22,6 +22,7 @@ enum class ActionError : int {
     None = 0,  // rollback, commit and the remaining deferred actions: log and result only
     TextFiles = 27454,
     MoveFiles = 27455,
+    RemoveFiles = 27456,
     WellKnownSids = 27457,
     InstallEventManifest = 27466,
     UninstallEventManifest = 27467,

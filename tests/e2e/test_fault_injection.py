@@ -21,6 +21,7 @@ MANIFEST_ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "Ins
 BEFORE_TEXT_FILES = 4400   # InstallTextFiles schedules at 4500
 AFTER_REGISTRY = 5025      # InstallRegFiles schedules at 5020
 AFTER_REGISTRY_REMOVAL = 2650  # UninstallRegFiles schedules at 2590
+AFTER_REMOVE_FILES = 3515  # RemoveFilesEx schedules at 3510
 AFTER_MOVE_FILES = 4515   # MoveFilesEx schedules at 4510
 AFTER_EVERYTHING = 6550    # after every family's deferred work, before InstallFinalize
 OLD_TIME = 1_500_000_000   # a last-write time no write of today can produce
@@ -379,6 +380,43 @@ class MoveFileFaults(FaultCase):
         log = self.check("FaultMoveHeld", rows, hold="held.txt")
         self.assertIn(f"The file '{self.win}\\held.txt' is being used by another process.",
                       library_lines(log, "MoveFilesExDeferred"))
+
+
+class RemoveFileFaults(FaultCase):
+    """RemoveFileEx rows that remove a folder tree (with a link inside, which
+    stays) and a pattern's files: a failure after them puts every file back with
+    its bytes and times, and the folders, and leaves the rename list as it was."""
+
+    def test_a_failed_install_puts_every_removed_file_back(self):
+        root = self.prefix.host_path("C:\\rfx-fault")
+        win = "C:\\rfx-fault"
+        for case, at in (("after the deferred rows", AFTER_REMOVE_FILES), ("at the end", AFTER_EVERYTHING)):
+            with self.subTest(case=case):
+                shutil.rmtree(root, ignore_errors=True)
+                for name in ("data/a.txt", "data/sub/b.log", "data/sub/deeper/c.log", "outside/precious.txt",
+                             "logs/1.log", "logs/keep.txt", "logs/sub/3.log", "gone/x.txt"):
+                    path = root / name
+                    path.parent.mkdir(parents=True, exist_ok=True)
+                    path.write_bytes(name.encode())
+                    os.utime(path, (OLD_TIME, OLD_TIME))
+                os.symlink(root / "outside", root / "data" / "link")
+                rows = [("Data", "Main", f"{win}\\data", "0", str(0x1 | 0x8 | 0x10), ""),
+                        ("Logs", "Main", f"{win}\\logs\\*.log", "0", str(0x1 | 0x8), ""),
+                        ("Gone", "Main", f"{win}\\gone", "0", str(0x1 | 0x10), ""),
+                        ("Later", "Main", f"{win}\\logs\\keep.txt", "4", "1", "")]
+                package = Package(("FaultRemove" + case.replace(" ", ""))[:48]).add_component(
+                    "Main", [("readme", "readme.txt", "r")])
+                package.add_table("RemoveFileEx", rows)
+                package.fail_at(at)
+                set_rename_value(self.prefix, utf16_hex(FOREIGN))
+                state = MachineState(self.prefix, [root])
+                before = state.capture()
+                code, log = self.run_msiexec(package, "/i", log=case.replace(" ", "") + ".log")
+                self.assertEqual(code, 1603, log[-3000:])
+                self.assertIn(f"Remove folder '{win}\\gone'.", library_lines(log, "RemoveFilesExFinalize"))
+                after = state.capture()
+                # A folder comes back without its own times; dir entries carry none.
+                self.assertUnchanged(before, after, log)
 
 
 if __name__ == "__main__":
