@@ -63,7 +63,9 @@ bool DecideVerbose() {
 
     std::wstring logging;
     const UINT got = FetchInstallerString(
-        [](wchar_t* buffer, DWORD* size) { return ::MsiGetPropertyW(g_state.install, L"MsiLogging", buffer, size); },
+        [](wchar_t* buffer, DWORD* size) {
+            return InstallerCall(::MsiGetPropertyW, g_state.install, L"MsiLogging", buffer, size);
+        },
         logging);
     if (got != ERROR_SUCCESS) {
         CaLogError(HResultFromWin32(got), "failed to get MsiLogging property");

@@ -14,13 +14,13 @@ std::shared_ptr<MsiHandle> ShareHandle(MSIHANDLE handle) {
 }
 
 Record Record::Create(unsigned fields) {
-    const MSIHANDLE handle = InstallerCall(::MsiCreateRecord, fields);
+    const MSIHANDLE handle = ::MsiCreateRecord(fields);
     if (handle == 0) Throw(kFail, L"Failed to create a record.");
     return Record(handle);
 }
 
 unsigned Record::FieldCount() const {
-    if (fieldCount_ < 0) fieldCount_ = static_cast<int>(InstallerCall(::MsiRecordGetFieldCount, Get()));
+    if (fieldCount_ < 0) fieldCount_ = static_cast<int>(::MsiRecordGetFieldCount(Get()));
     return static_cast<unsigned>(fieldCount_);
 }
 
@@ -42,14 +42,14 @@ std::wstring Record::GetString(unsigned field) const {
 
 int Record::GetInteger(unsigned field) const {
     CheckField(field);
-    return InstallerCall(::MsiRecordGetInteger, Get(), field);
+    return ::MsiRecordGetInteger(Get(), field);
 }
 
 
 void Record::SetString(unsigned field, std::wstring_view text) {
     CheckField(field);
     const std::wstring copy(text);
-    ThrowIfMsiError(InstallerCall(::MsiRecordSetStringW, Get(), field, copy.c_str()),
+    ThrowIfMsiError(::MsiRecordSetStringW(Get(), field, copy.c_str()),
                     L"Failed to sets a record field to a string field.");
 }
 

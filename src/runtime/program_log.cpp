@@ -13,13 +13,11 @@ namespace setup {
 namespace {
 
 void SendToInstaller(const std::wstring& message) {
-    CountInstallerCall();
     MsiHandle record(::MsiCreateRecord(1));
     if (!record) return;
     if (::MsiRecordSetStringW(record.Get(), 0, message.c_str()) != ERROR_SUCCESS) return;
     // The reply to an information message carries nothing we act on.
     CountInstallerCall();
-    CountInstallerCall();  // the text, then the message
     ::MsiProcessMessage(CaInstallHandle(), INSTALLMESSAGE_INFO, record.Get());
 }
 

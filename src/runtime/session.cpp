@@ -1,6 +1,7 @@
 #include "runtime/session.h"
 
 #include "runtime/ca_runtime.h"
+#include "runtime/format_batch.h"
 #include "runtime/installer_calls.h"
 #include "runtime/string_buffer.h"
 #include "runtime/throw.h"
@@ -11,7 +12,7 @@ std::wstring Session::GetProperty(std::wstring_view name) const {
     const std::wstring key(name);
     std::wstring value;
     const UINT status = FetchInstallerString(
-        [&](wchar_t* buffer, DWORD* size) { return ::MsiGetPropertyW(install_, key.c_str(), buffer, size); }, value);
+        [&](wchar_t* buffer, DWORD* size) { return InstallerCall(::MsiGetPropertyW, install_, key.c_str(), buffer, size); }, value);
     ThrowIfMsiError(status, L"Failed to get msi property: " + key);
     return value;
 }
@@ -29,9 +30,41 @@ std::wstring Session::FormatText(std::wstring_view text) const {
     record.SetString(0, text);
     std::wstring formatted;
     const UINT status = FetchInstallerString(
-        [&](wchar_t* buffer, DWORD* size) { return ::MsiFormatRecordW(install_, record.Get(), buffer, size); },
+        [&](wchar_t* buffer, DWORD* size) { return InstallerCall(::MsiFormatRecordW, install_, record.Get(), buffer, size); },
         formatted);
     ThrowIfMsiError(status, L"Failed formats record field data and properties using a format string.");
+    return formatted;
+}
+
+std::vector<std::wstring> Session::FormatTexts(const std::vector<std::wstring>& texts) const {
+    constexpr std::size_t kBatchCharacters = 16384;
+    std::vector<std::wstring> formatted(texts.size());
+    std::vector<std::size_t> batch;  // indices of the texts in the batch
+    std::wstring joined;
+    const auto flush = [&] {
+        if (batch.empty()) return;
+        const std::vector<std::wstring> pieces =
+            batch.size() == 1 ? std::vector<std::wstring>{} : SplitFormattedBatch(FormatText(joined), batch.size());
+        for (std::size_t k = 0; k < batch.size(); ++k) {
+            formatted[batch[k]] = pieces.empty() ? FormatText(texts[batch[k]]) : pieces[k];
+        }
+        batch.clear();
+        joined.clear();
+    };
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        const std::wstring& text = texts[i];
+        if (text.find(L'[') == std::wstring::npos) {
+            formatted[i] = text;
+        } else if (!FormatsInBatch(text)) {
+            formatted[i] = FormatText(text);
+        } else {
+            if (!joined.empty() && joined.size() + text.size() >= kBatchCharacters) flush();
+            if (!batch.empty()) joined.push_back(kFormatSeparator);
+            joined += text;
+            batch.push_back(i);
+        }
+    }
+    flush();
     return formatted;
 }
 

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "runtime/component_decision.h"
 #include "runtime/database.h"
@@ -31,6 +32,11 @@ public:
     // Text without a '[' has nothing to resolve and is returned as it is,
     // without asking the installer.
     std::wstring FormatText(std::wstring_view text) const;
+    // The same for many texts, with as few installer calls as it can: texts
+    // whose references close within themselves are formatted together, up to
+    // some thousands of characters a call (see format_batch.h); any other text,
+    // or a batch that does not split back, is formatted alone.
+    std::vector<std::wstring> FormatTexts(const std::vector<std::wstring>& texts) const;
 
     // Both states preset to -1; the installer's result is returned beside them.
     UINT GetComponentState(std::wstring_view component, ComponentState& state) const;

@@ -4,7 +4,7 @@
 // the shape UINT(wchar_t* buffer, DWORD* size): size in characters, without
 // the terminator on output.
 //
-// Each call is a round trip to the installer from a custom-action server, so
+// A call may be a round trip to the installer (a property, formatting), so
 // the helper fetches at once into a buffer on the stack, which holds most
 // values, and asks again only when the value did not fit, or grew in between.
 // (No buffer kept per thread: a thread_local with a destructor in a DLL built
@@ -12,7 +12,6 @@
 
 #include <string>
 
-#include "runtime/installer_calls.h"
 #include "runtime/win32.h"
 
 namespace setup {
@@ -21,7 +20,6 @@ template <class Call>
 UINT FetchInstallerString(Call call, std::wstring& out) {
     wchar_t first[1024];
     DWORD capacity = sizeof(first) / sizeof(first[0]);
-    CountInstallerCall();
     UINT status = call(first, &capacity);
     if (status == ERROR_SUCCESS) {
         out.assign(first, capacity < sizeof(first) / sizeof(first[0]) ? capacity : 0);
@@ -33,7 +31,6 @@ UINT FetchInstallerString(Call call, std::wstring& out) {
     for (int round = 0; round < 8 && status == ERROR_MORE_DATA; ++round) {
         buffer.assign(static_cast<std::size_t>(capacity) + 1, L'\0');
         capacity = static_cast<DWORD>(buffer.size() + 1);
-        CountInstallerCall();
         status = call(buffer.data(), &capacity);
     }
     if (status == ERROR_SUCCESS) out.assign(buffer.data(), capacity < buffer.size() ? capacity : buffer.size());

@@ -6,7 +6,6 @@
 
 #include <utility>
 
-#include "runtime/installer_calls.h"
 #include "runtime/win32.h"
 
 namespace setup {
@@ -53,10 +52,7 @@ private:
 struct MsiHandleTraits {
     using Type = MSIHANDLE;
     static Type Invalid() { return 0; }
-    static void Close(Type h) {
-        CountInstallerCall();
-        ::MsiCloseHandle(h);
-    }
+    static void Close(Type h) { ::MsiCloseHandle(h); }
 };
 struct KernelHandleTraits {  // processes, threads, pipes, mutexes: null when absent
     using Type = HANDLE;

@@ -57,14 +57,27 @@ std::optional<std::vector<MoveFileRow>> ReadRows(const Session& session, Compone
         if (row.id.empty()) Throw(kFail, L"The id is empty in MoveFileEx table.");
         row.component = record.GetString(2);
         if (row.component.empty()) Throw(kFail, L"The component is empty in MoveFileEx row '" + row.id + L"'.");
-        row.source = session.FormatText(record.GetString(3));
-        row.destination = session.FormatText(record.GetString(4));
+        row.source = record.GetString(3);
+        row.destination = record.GetString(4);
         row.attributes = IntegerOrZero(record, 5);
         row.condition = record.GetString(6);
-        LogInfo(L"Configured move file %s, %s, %s, %s, %s, %d.", row.id, row.component, row.source, row.destination,
-                row.condition, row.attributes);
         rows.push_back(std::move(row));
     });
+    // All paths formatted together: a few installer calls instead of two a row.
+    std::vector<std::wstring> paths;
+    paths.reserve(rows.size() * 2);
+    for (const MoveFileRow& row : rows) {
+        paths.push_back(row.source);
+        paths.push_back(row.destination);
+    }
+    paths = session.FormatTexts(paths);
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        MoveFileRow& row = rows[i];
+        row.source = std::move(paths[2 * i]);
+        row.destination = std::move(paths[2 * i + 1]);
+        LogInfo(L"Configured move file %s, %s, %s, %s, %s, %d.", row.id, row.component, row.source, row.destination,
+                row.condition, row.attributes);
+    }
     return rows;
 }
 
