@@ -38,15 +38,22 @@ std::optional<std::vector<RemoveFileRow>> ReadRows(const Session& session) {
         if (row.id.empty()) Throw(kFail, L"The id is empty in RemoveFileEx table.");
         row.component = record.GetString(2);
         if (row.component.empty()) Throw(kFail, L"The component is empty in RemoveFileEx row '" + row.id + L"'.");
-        row.path = session.FormatText(record.GetString(3));
+        row.path = record.GetString(3);
         row.phase = IntegerOrZero(record, 4);
         row.attributes = IntegerOrZero(record, 5);
         row.condition = record.GetString(6);
-        LogInfo(L"Configured remove files %s, %s, %s, %d, %d, %s.", row.id, row.component, row.path, row.phase,
-                row.attributes, row.condition);
         rows.push_back(std::move(row));
     });
     if (!exists) return std::nullopt;
+    std::vector<std::wstring> paths;
+    for (const RemoveFileRow& row : rows) paths.push_back(row.path);
+    paths = session.FormatTexts(paths);  // all together: a few installer calls
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        RemoveFileRow& row = rows[i];
+        row.path = std::move(paths[i]);
+        LogInfo(L"Configured remove files %s, %s, %s, %d, %d, %s.", row.id, row.component, row.path, row.phase,
+                row.attributes, row.condition);
+    }
     return rows;
 }
 

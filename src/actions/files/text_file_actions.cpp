@@ -51,7 +51,9 @@ std::wstring InstallerTextFileMachine::LockFilesOnUpdate() {
     return *lock_;
 }
 bool InstallerTextFileMachine::LogContentInFull() { return CaIsVerbose(); }
-std::wstring InstallerTextFileMachine::Format(const std::wstring& text) { return session_.FormatText(text); }
+std::vector<std::wstring> InstallerTextFileMachine::FormatAll(const std::vector<std::wstring>& texts) {
+    return session_.FormatTexts(texts);
+}
 
 void ScheduleTextFileItems(const Session& session, std::vector<TextFileItem> items, const TextFileActionNames& names) {
     if (items.empty()) return;

@@ -23,7 +23,7 @@ public:
     std::wstring NewUuid() override;
     std::wstring LockFilesOnUpdate() override;
     bool LogContentInFull() override;
-    std::wstring Format(const std::wstring& text) override;
+    std::vector<std::wstring> FormatAll(const std::vector<std::wstring>& texts) override;
 
 private:
     const Session& session_;

@@ -54,10 +54,19 @@ std::vector<TextFileItem> PlanTextFiles(const std::vector<TextFileRow>& rows, Co
                                         TextFileMachine& machine, LogSink& log) {
     // std::less on wide strings compares code units: ordinal and case-sensitive.
     std::map<std::wstring, std::wstring> contents;
+    std::vector<const TextFileRow*> chosen;
+    std::vector<std::wstring> texts;  // file, then text, of each chosen row
     for (const TextFileRow& row : rows) {
         if (!DecideTextLine(states, row, log).Chosen()) continue;
-        // Formatted only now: a row that is skipped costs no formatting.
-        const std::wstring file = machine.Format(row.file);
+        chosen.push_back(&row);
+        texts.push_back(row.file);
+        texts.push_back(row.text);
+    }
+    // Formatted only now, all together: a row that is skipped costs no formatting.
+    texts = machine.FormatAll(texts);
+    for (std::size_t i = 0; i < chosen.size(); ++i) {
+        const TextFileRow& row = *chosen[i];
+        const std::wstring& file = texts[2 * i];
         // Caught here, naming the row, before anything is scheduled.
         if (file.empty()) throw Exception(kFail, L"The file is empty in " + row.id);
         const std::wstring problem = PathProblem(file);
@@ -66,7 +75,7 @@ std::vector<TextFileItem> PlanTextFiles(const std::vector<TextFileRow>& rows, Co
                                                   L"' is refused: " + problem + L".");
         }
         auto [it, first] = contents.try_emplace(file);
-        AppendTextLine(it->second, machine.Format(row.text), first);
+        AppendTextLine(it->second, texts[2 * i + 1], first);
     }
     std::vector<TextFileItem> items;
     items.reserve(contents.size());

@@ -44,7 +44,8 @@ public:
     virtual std::wstring NewUuid() = 0;                     // UuidToStringW form
     virtual std::wstring LockFilesOnUpdate() = 0;           // the property's value
     virtual bool LogContentInFull() = 0;                    // verbose logging: the whole content
-    virtual std::wstring Format(const std::wstring& text) = 0;  // the installer's formatting
+    // The installer's formatting of each text, in order.
+    virtual std::vector<std::wstring> FormatAll(const std::vector<std::wstring>& texts) = 0;
 };
 
 // The install decision for one row, with the text-line wording.

@@ -73,16 +73,29 @@ std::optional<std::vector<RegistryExRow>> ReadRows(const Session& session, Sessi
         RegistryExRow row;
         row.id = record.GetString(1);
         row.root = IntegerOrZero(record, 2);
-        row.key = session.FormatText(record.GetString(3));
-        row.name = session.FormatText(record.GetString(4));
-        row.value = session.FormatText(record.GetString(5));
+        row.key = record.GetString(3);  // formatted below, all rows together
+        row.name = record.GetString(4);
+        row.value = record.GetString(5);
         row.component = record.GetString(6);
         row.attributes = IntegerOrZero(record, 7);
         row.condition = record.GetString(8);
-        row.file = session.FormatText(record.GetString(9));
+        row.file = record.GetString(9);
         ApplyReadingRules(row, reading, log);
         rows.push_back(std::move(row));
     });
+    std::vector<std::wstring> texts;
+    texts.reserve(rows.size() * 4);
+    for (const RegistryExRow& row : rows) {
+        for (const std::wstring* text : {&row.key, &row.name, &row.value, &row.file}) texts.push_back(*text);
+    }
+    texts = session.FormatTexts(texts);
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        RegistryExRow& row = rows[i];
+        row.key = std::move(texts[4 * i]);
+        row.name = std::move(texts[4 * i + 1]);
+        row.value = std::move(texts[4 * i + 2]);
+        row.file = std::move(texts[4 * i + 3]);
+    }
     ResolveComponentStates(rows, components, reading.forceInstall, log);
     return rows;
 }

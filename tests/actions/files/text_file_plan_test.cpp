@@ -21,7 +21,7 @@ public:
         return lock;
     }
     bool LogContentInFull() override { return verbose; }
-    std::wstring Format(const std::wstring& text) override { return text; }
+    std::vector<std::wstring> FormatAll(const std::vector<std::wstring>& texts) override { return texts; }
     std::set<std::wstring> files;  // existing files; a directory is simply not listed
     bool verbose = true;
     std::wstring lock;
