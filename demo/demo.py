@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """The demo: a package that uses every table built so far (TextFile,
-EventManifest, RegistryEx, MoveFileEx), installed with Wine's msiexec in a fresh prefix under
+EventManifest, RegistryEx, MoveFileEx, RemoveFileEx), installed with Wine's msiexec in a fresh prefix under
 build/demo, then uninstalled; prints what the library did and the log lines
 that explain each decision."""
 import os
@@ -41,6 +41,10 @@ REGISTRY_ROWS = [
 MOVE_ROWS = [
     ("CopyReadme", "Main", "[INSTALLDIR]readme.txt", "[INSTALLDIR]app.config", str(0x1 | 0x200), ""),
 ]
+# Removes an old cache folder: undoably, so the failing install puts it back.
+REMOVE_ROWS = [
+    ("OldCache", "Main", "[INSTALLDIR]cache", "0", str(0x1 | 0x8 | 0x10), ""),
+]
 TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
 MANIFEST_ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "InstallEventManifestRollback",
                     "UninstallEventManifest", "UninstallEventManifestDeferred", "UninstallEventManifestRollback")
@@ -66,6 +70,7 @@ def demo_package(name, fail=False):
     package.add_table("EventManifest", [("DemoEvents", "Events", "[#demo_events]")])
     package.add_table("RegistryEx", REGISTRY_ROWS)
     package.add_table("MoveFileEx", MOVE_ROWS)
+    package.add_table("RemoveFileEx", REMOVE_ROWS)
     if fail:
         package.fail_at(6550)
     return package
@@ -97,6 +102,11 @@ def main():
     config = install_dir / "app.config"
     config.write_bytes(b"previous app.config\n")
     show("app.config before anything", show_file(config))
+    cache = install_dir / "cache"
+    for name in ("old.tmp", "sub/older.tmp"):
+        (cache / name).parent.mkdir(parents=True, exist_ok=True)
+        (cache / name).write_bytes(b"stale\n")
+    show("cache folder before anything", sorted(str(p.relative_to(install_dir)) for p in cache.rglob("*")))
 
     show("settings.ini before anything", show_file(settings))
     native = "HKLM\\" + ("Software\\Wow6432Node\\Setup Utils Demo" if ARCH == "x86" else DEMO_KEY)
@@ -121,6 +131,8 @@ def main():
          library_lines(log, "MoveFilesExDeferred") + library_lines(log, "MoveFilesExRollback"))
     show("settings.ini after the rollback (the previous file, byte for byte)", show_file(settings))
     show("app.config after the rollback (the previous file, byte for byte)", show_file(config))
+    show("RemoveFilesExFinalize and RemoveFilesExRollback logged (the cache renamed aside, then back)",
+         library_lines(log, "RemoveFilesExFinalize") + library_lines(log, "RemoveFilesExRollback"))
     show(f"{native} after the rollback (the value that was there, with its type)", registry_lines(prefix, native))
     show("The install folder, the registry key and the restart-time rename list after the rollback, against before",
          diff or ["identical: bytes, times, attributes, registry values, and the rename list"])
@@ -153,6 +165,8 @@ def main():
     show("MoveFilesExDeferred and MoveFilesExFinalize logged (backup, copy, backup removed)",
          library_lines(log, "MoveFilesExDeferred") + library_lines(log, "MoveFilesExFinalize"))
     show("app.config after install (the readme's copy)", show_file(config))
+    show("RemoveFilesEx and RemoveFilesExFinalize logged (the cache removed, its backup deleted on commit)",
+         library_lines(log, "RemoveFilesEx") + library_lines(log, "RemoveFilesExFinalize"))
     show("Files in the install folder (no backups left)", sorted(p.name for p in install_dir.iterdir()))
 
     code, log = prefix.msiexec("/x", prefix.windows_path(msi), log=work / "uninstall.log")
