@@ -141,6 +141,28 @@ class MoveFiles(unittest.TestCase):
         self.assertIn(f"Skip move files 'Optional', '{w}\\missing.txt'->'{w}\\y.txt'. The source does not exist and "
                       "the row allows it (0x10).", deferred)
 
+    def test_a_network_source_goes_to_the_impersonated_deferred_action(self):
+        w = self.win
+        self.file("a.txt", "a")
+        package = self.package([
+            ("Net", "\\\\nosuchserver\\share\\a.txt", f"{w}\\net.txt", INSTALL | DEFERRED | CONTINUE, ""),
+            ("Local", f"{w}\\a.txt", f"{w}\\local.txt", INSTALL | DEFERRED, ""),
+        ])
+        code, log = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertIn("Need to move files deferred from network 'Net', '\\\\nosuchserver\\share\\a.txt'.",
+                      library_lines(log, "MoveFilesEx"))
+        # Scheduled under its own name, run by the deferred entry point: the
+        # unreachable share fails as a warning there; the local row runs in the other.
+        self.assertIn("Action start", log)
+        self.assertRegex(log, r"Action start [\d:]+: MoveFilesExDeferredUser\.")
+        deferred = library_lines(log, "MoveFilesExDeferred")
+        self.assertEqual(sum(line == "MoveFilesExDeferred initialized." for line in deferred), 2, deferred)
+        self.assertTrue(any(line.startswith("Warning: The source file '\\\\nosuchserver") for line in deferred),
+                        deferred)
+        self.assertEqual((self.root / "local.txt").read_bytes(), b"a")
+        self.assertFalse((self.root / "net.txt").exists())
+
     def test_a_strict_row_with_a_bad_path_fails_before_anything_changes(self):
         w = self.win
         self.file("a.txt", "a")
