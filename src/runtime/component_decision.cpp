@@ -19,6 +19,8 @@ bool Accepts(const DecisionRule& rule, ComponentTask task) {
 
 }  // namespace
 
+bool IsFileAbsent(const ComponentState& state) { return InstalledHere(state.installed) && state.action == Removed; }
+
 ComponentTask ClassifyComponent(const ComponentState& state) {
     const int a = state.action;
     const int i = state.installed;
@@ -39,7 +41,7 @@ Decision DecideRow(ComponentStates& states, const DecisionRule& rule, std::wstri
         d.verdict = Verdict::NullAction;
     } else if (!Accepts(rule, d.task)) {
         d.verdict = Verdict::NotMarked;
-    } else if (rule.skipFileAbsent && InstalledHere(d.state.installed) && d.state.action == Removed) {
+    } else if (rule.skipFileAbsent && IsFileAbsent(d.state)) {
         d.verdict = Verdict::FileAbsent;
     } else if (rule.evaluateCondition &&
                ((d.condition = states.EvaluateCondition(condition)) == kConditionFalse ||

@@ -44,6 +44,9 @@ inline constexpr int kConditionTrue = 1;
 inline constexpr int kConditionNone = 2;  // empty condition: counts as satisfied
 inline constexpr int kConditionError = 3;
 
+// Installed locally or from source, and the action only removes its files.
+bool IsFileAbsent(const ComponentState& state);
+
 // Reinstall, then uninstall, then install: the first rule that holds wins.
 ComponentTask ClassifyComponent(const ComponentState& state);
 

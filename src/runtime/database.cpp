@@ -45,6 +45,11 @@ int Record::GetInteger(unsigned field) const {
     return ::MsiRecordGetInteger(Get(), field);
 }
 
+int Record::GetIntegerOr(unsigned field, int fallback) const {
+    const int value = GetInteger(field);
+    return value == static_cast<int>(MSI_NULL_INTEGER) ? fallback : value;
+}
+
 
 void Record::SetString(unsigned field, std::wstring_view text) {
     CheckField(field);

@@ -33,6 +33,7 @@ public:
     // Field numbers above FieldCount() throw "The value of an argument is outside the allowable range.".
     std::wstring GetString(unsigned field) const;       // "Failed to get string value of a record field."
     int GetInteger(unsigned field) const;                // MSI_NULL_INTEGER for an empty field
+    int GetIntegerOr(unsigned field, int fallback) const;  // `fallback` for an empty field
     void SetString(unsigned field, std::wstring_view text);  // "Failed to sets a record field to a string field."
 
     MSIHANDLE Get() const { return handle_->Get(); }

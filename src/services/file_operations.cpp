@@ -60,6 +60,12 @@ void RemoveFileOnReboot(std::wstring_view path) {
     if (!QueueAtRestart(name, nullptr)) Throw(LastErrorHResult(), L"Failed to remove file on reboot " + name);
 }
 
+void RemoveDirectoryOnReboot(std::wstring_view path) {
+    const std::wstring name(path);
+    LogInfo(L"Remove directory on reboot '%s'.", name);
+    if (!QueueAtRestart(name, nullptr)) Throw(LastErrorHResult(), L"Failed to remove directory on reboot " + name);
+}
+
 void RemoveFileWithFallback(std::wstring_view path, bool allowReboot) {
     const std::wstring name(path);
     LogInfo(L"Remove file '%s'.", name);

@@ -23,6 +23,9 @@ std::wstring CreateUuidString();
 void MoveFileOnReboot(std::wstring_view source, std::wstring_view destination);
 // Queues the deletion of `path` for the next restart. Throws "Failed to remove file on reboot ...".
 void RemoveFileOnReboot(std::wstring_view path);
+// Queues the deletion of the folder `path` (empty by then) for the next
+// restart. Throws "Failed to remove directory on reboot ...".
+void RemoveDirectoryOnReboot(std::wstring_view path);
 // Deletes `path` now; when that fails and `allowReboot`, at the next restart.
 // Throws "Failed to remove file ..." otherwise.
 void RemoveFileWithFallback(std::wstring_view path, bool allowReboot);

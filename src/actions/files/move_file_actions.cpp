@@ -30,11 +30,6 @@ constexpr wchar_t kQuery[] =
 
 constexpr wchar_t kChoicesQuery[] = L"SELECT DISTINCT `Component_`, `Attributes` FROM `MoveFileEx`";
 
-int IntegerOrZero(const Record& record, unsigned field) {
-    const int value = record.GetInteger(field);
-    return value == static_cast<int>(MSI_NULL_INTEGER) ? 0 : value;
-}
-
 // The table's rows with their paths formatted, or nothing when the package has
 // no such table or when no row can be chosen for what this installation does
 // to its components (each row costs the installer a dozen round trips; each
@@ -43,7 +38,7 @@ std::optional<std::vector<MoveFileRow>> ReadRows(const Session& session, Compone
     const Database database = session.ActiveDatabase();
     bool any = false;
     const bool exists = database.ForEachRowOfTable(kTable, kChoicesQuery, [&](const Record& record) {
-        if (!any) any = MayBeChosen(states.State(record.GetString(1)), IntegerOrZero(record, 2));
+        if (!any) any = MayBeChosen(states.State(record.GetString(1)), record.GetIntegerOr(2, 0));
     });
     if (!exists) return std::nullopt;
     if (!any) {
@@ -59,7 +54,7 @@ std::optional<std::vector<MoveFileRow>> ReadRows(const Session& session, Compone
         if (row.component.empty()) Throw(kFail, L"The component is empty in MoveFileEx row '" + row.id + L"'.");
         row.source = record.GetString(3);
         row.destination = record.GetString(4);
-        row.attributes = IntegerOrZero(record, 5);
+        row.attributes = record.GetIntegerOr(5, 0);
         row.condition = record.GetString(6);
         rows.push_back(std::move(row));
     });

@@ -22,11 +22,6 @@ bool Accepts(int attributes, ComponentTask task) {
     }
 }
 
-bool FileAbsent(const ComponentState& state) {
-    const bool installedHere = state.installed == install_state::Local || state.installed == install_state::Source;
-    return installedHere && state.action == install_state::Removed;
-}
-
 MoveFileItem ItemOf(const MoveFileRow& row) {
     MoveFileItem item;
     item.id = row.id;
@@ -77,7 +72,7 @@ std::wstring EncodeItems(const std::vector<MoveFileItem>& items) {
 }  // namespace
 
 bool MayBeChosen(const std::optional<ComponentState>& state, int attributes) {
-    if (!state || FileAbsent(*state)) return false;
+    if (!state || IsFileAbsent(*state)) return false;
     return Accepts(attributes, ClassifyComponent(*state));
 }
 
@@ -101,7 +96,7 @@ Decision DecideMoveFile(ComponentStates& states, const MoveFileRow& row, LogSink
         log.Info(L"Skip move files '%s', '%s'->'%s'. Condition is '%d'.", id, from, to, d.condition);
         return d;
     }
-    if (FileAbsent(d.state)) {
+    if (IsFileAbsent(d.state)) {
         d.verdict = Verdict::FileAbsent;
         log.Info(L"Skip move files '%s', '%s'->'%s'. Component '%s' action is FileAbsent.", id, from, to, row.component);
         return d;

@@ -25,11 +25,6 @@ constexpr wchar_t kTable[] = L"RemoveFileEx";
 constexpr wchar_t kQuery[] =
     L"SELECT `RemoveFileEx`, `Component_`, `Path`, `Phase`, `Attributes`, `Condition` FROM `RemoveFileEx`";
 
-int IntegerOrZero(const Record& record, unsigned field) {
-    const int value = record.GetInteger(field);
-    return value == static_cast<int>(MSI_NULL_INTEGER) ? 0 : value;
-}
-
 std::optional<std::vector<RemoveFileRow>> ReadRows(const Session& session) {
     std::vector<RemoveFileRow> rows;
     const bool exists = session.ActiveDatabase().ForEachRowOfTable(kTable, kQuery, [&](const Record& record) {
@@ -39,8 +34,8 @@ std::optional<std::vector<RemoveFileRow>> ReadRows(const Session& session) {
         row.component = record.GetString(2);
         if (row.component.empty()) Throw(kFail, L"The component is empty in RemoveFileEx row '" + row.id + L"'.");
         row.path = record.GetString(3);
-        row.phase = IntegerOrZero(record, 4);
-        row.attributes = IntegerOrZero(record, 5);
+        row.phase = record.GetIntegerOr(4, 0);
+        row.attributes = record.GetIntegerOr(5, 0);
         row.condition = record.GetString(6);
         rows.push_back(std::move(row));
     });
@@ -84,18 +79,13 @@ std::vector<std::wstring> ProtectedFolders() {
     return folders;
 }
 
-struct Entry {
-    std::wstring path;
-    bool folder = false;  // a real folder (a link to one counts as a file: it is removed, never entered)
-};
-
 // The files under `folder` whose names match `pattern`, and with `recursive`
 // those of its subfolders, which are listed too (parents first). A link
 // (reparse point) is never entered, moved or removed: Wine applies every
 // removal and rename of a host link to its target, so the one safe thing to
 // do with a link is to leave it where it is; it is listed in `links`.
 void Collect(const std::wstring& folder, const std::wstring& pattern, bool recursive, const std::wstring& skip,
-             std::vector<Entry>& files, std::vector<Entry>& folders, std::vector<std::wstring>& links) {
+             std::vector<std::wstring>& files, std::vector<std::wstring>& folders, std::vector<std::wstring>& links) {
     WIN32_FIND_DATAW data;
     const std::wstring search = JoinPath(folder, L"*");
     HANDLE find = ::FindFirstFileW(search.c_str(), &data);
@@ -114,10 +104,10 @@ void Collect(const std::wstring& folder, const std::wstring& pattern, bool recur
             if (recursive || MatchesPattern(name, pattern)) links.push_back(path);
         } else if (isFolder) {
             if (!recursive) continue;
-            folders.push_back({path, true});
+            folders.push_back(path);
             Collect(path, pattern, recursive, skip, files, folders, links);
         } else if (MatchesPattern(name, pattern)) {
-            files.push_back({path, false});
+            files.push_back(path);
         }
     } while (::FindNextFileW(find, &data));
     ::FindClose(find);
@@ -129,7 +119,7 @@ bool HasWildcard(const std::wstring& pattern) { return pattern.find_first_of(L"*
 // deepest first, the row's own folder last when the path names it.
 struct Removal {
     RemovalTarget target;
-    std::vector<Entry> files;
+    std::vector<std::wstring> files;
     std::vector<std::wstring> folders;
 };
 
@@ -154,7 +144,7 @@ std::optional<Removal> Find(const RemoveFileItem& item) {
         LogInfo(L"Nothing to remove for '%s': the folder '%s' does not exist.", item.id, removal.target.folder);
         return std::nullopt;
     }
-    std::vector<Entry> folders;
+    std::vector<std::wstring> folders;
     const bool recursive = (item.attributes & Recursive) != 0;
     std::vector<std::wstring> links;
     if (removal.target.wholeFolder || HasWildcard(removal.target.pattern)) {
@@ -164,7 +154,7 @@ std::optional<Removal> Find(const RemoveFileItem& item) {
         if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT)) {
             links.push_back(item.path);
         } else if (attributes != INVALID_FILE_ATTRIBUTES) {
-            removal.files.push_back({item.path, false});
+            removal.files.push_back(item.path);
         }
     }
     for (const std::wstring& link : links) {
@@ -172,7 +162,7 @@ std::optional<Removal> Find(const RemoveFileItem& item) {
                 link);
     }
     if (item.attributes & RemoveEmptyFolders) {
-        for (auto it = folders.rbegin(); it != folders.rend(); ++it) removal.folders.push_back(it->path);
+        for (auto it = folders.rbegin(); it != folders.rend(); ++it) removal.folders.push_back(*it);
         if (removal.target.wholeFolder) removal.folders.push_back(removal.target.folder);
     }
     if (removal.files.empty() && removal.folders.empty()) LogInfo(L"Nothing to remove for '%s'.", item.id);
@@ -193,35 +183,26 @@ bool FolderIsEmpty(const std::wstring& folder) {
 }
 
 // A failure of a lenient row: logged, and the entry queued for removal at the next restart.
-void FailOrQueue(const RemoveFileItem& item, const Entry& entry, const std::wstring& failure) {
+void FailOrQueue(const RemoveFileItem& item, const std::wstring& path, bool folder, const std::wstring& failure) {
     const DWORD error = ::GetLastError();
     if (item.attributes & Strict) Throw(FailureFromWin32(error), failure);
     LogInfo(L"%s Error 0x%x.", failure, FailureFromWin32(error));
-    Leniently([&] {
-        if (entry.folder) {
-            LogInfo(L"Remove directory on reboot '%s'.", entry.path);
-            ThrowLastErrorIf(!::MoveFileExW(entry.path.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT),
-                             L"Failed to remove directory on reboot " + entry.path);
-        } else {
-            RemoveFileOnReboot(entry.path);
-        }
-    });
+    Leniently([&] { folder ? RemoveDirectoryOnReboot(path) : RemoveFileOnReboot(path); });
 }
 
 // Removes for good: immediate, commit and rollback-only rows.
 void RemoveNow(const RemoveFileItem& item) {
     const std::optional<Removal> removal = Find(item);
     if (!removal) return;
-    for (const Entry& file : removal->files) {
-        LogInfo(L"Remove file '%s'.", file.path);
-        ::SetFileAttributesW(file.path.c_str(), FILE_ATTRIBUTE_NORMAL);
-        const BOOL removed = file.folder ? ::RemoveDirectoryW(file.path.c_str()) : ::DeleteFileW(file.path.c_str());
-        if (!removed) FailOrQueue(item, file, L"Failed to remove file " + file.path);
+    for (const std::wstring& file : removal->files) {
+        LogInfo(L"Remove file '%s'.", file);
+        ::SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
+        if (!::DeleteFileW(file.c_str())) FailOrQueue(item, file, false, L"Failed to remove file " + file);
     }
     for (const std::wstring& folder : removal->folders) {
         if (!FolderIsEmpty(folder)) continue;
         LogInfo(L"Remove folder '%s'.", folder);
-        if (!::RemoveDirectoryW(folder.c_str())) FailOrQueue(item, {folder, true}, L"Failed to remove folder " + folder);
+        if (!::RemoveDirectoryW(folder.c_str())) FailOrQueue(item, folder, true, L"Failed to remove folder " + folder);
     }
 }
 
@@ -236,19 +217,17 @@ void RemoveIntoBackup(const RemoveFileItem& item) {
     const std::optional<Removal> removal = Find(item);
     if (!removal) return;
     const std::wstring& base = removal->target.folder;
-    for (const Entry& file : removal->files) {
-        const std::wstring kept = InBackup(item, base, file.path);
-        LogInfo(L"Remove file '%s'.", file.path);
+    for (const std::wstring& file : removal->files) {
+        const std::wstring kept = InBackup(item, base, file);
+        LogInfo(L"Remove file '%s'.", file);
         CreateFolders(DirectoryOf(kept));
-        if (!::MoveFileExW(file.path.c_str(), kept.c_str(), 0)) {
-            FailOrQueue(item, file, L"Failed to remove file " + file.path);
-        }
+        if (!::MoveFileExW(file.c_str(), kept.c_str(), 0)) FailOrQueue(item, file, false, L"Failed to remove file " + file);
     }
     for (const std::wstring& folder : removal->folders) {
         if (!FolderIsEmpty(folder)) continue;
         LogInfo(L"Remove folder '%s'.", folder);
         CreateFolders(InBackup(item, base, folder));
-        if (!::RemoveDirectoryW(folder.c_str())) FailOrQueue(item, {folder, true}, L"Failed to remove folder " + folder);
+        if (!::RemoveDirectoryW(folder.c_str())) FailOrQueue(item, folder, true, L"Failed to remove folder " + folder);
     }
 }
 
@@ -256,20 +235,8 @@ void RemoveIntoBackup(const RemoveFileItem& item) {
 void RemoveAtRestart(const RemoveFileItem& item) {
     const std::optional<Removal> removal = Find(item);
     if (!removal) return;
-    for (const Entry& file : removal->files) {
-        if (file.folder) {
-            LogInfo(L"Remove directory on reboot '%s'.", file.path);
-            ThrowLastErrorIf(!::MoveFileExW(file.path.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT),
-                             L"Failed to remove directory on reboot " + file.path);
-        } else {
-            RemoveFileOnReboot(file.path);
-        }
-    }
-    for (const std::wstring& folder : removal->folders) {
-        LogInfo(L"Remove directory on reboot '%s'.", folder);
-        ThrowLastErrorIf(!::MoveFileExW(folder.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT),
-                         L"Failed to remove directory on reboot " + folder);
-    }
+    for (const std::wstring& file : removal->files) RemoveFileOnReboot(file);
+    for (const std::wstring& folder : removal->folders) RemoveDirectoryOnReboot(folder);
 }
 
 // Puts back everything under `kept` (a backup folder or one of its folders)
@@ -308,15 +275,14 @@ void RestoreTree(const std::wstring& kept, const std::wstring& original) {
 
 // Deletes a backup folder this library made; links in it are removed, never followed.
 void RemoveTree(const std::wstring& folder) {
-    std::vector<Entry> files, folders;
+    std::vector<std::wstring> files, folders;
     std::vector<std::wstring> links;  // none: the removal never moves one here
     Collect(folder, L"*", true, L"", files, folders, links);
-    for (const Entry& file : files) {
-        ::SetFileAttributesW(file.path.c_str(), FILE_ATTRIBUTE_NORMAL);
-        const BOOL removed = file.folder ? ::RemoveDirectoryW(file.path.c_str()) : ::DeleteFileW(file.path.c_str());
-        if (!removed) Leniently([&] { RemoveFileOnReboot(file.path); });
+    for (const std::wstring& file : files) {
+        ::SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
+        if (!::DeleteFileW(file.c_str())) Leniently([&] { RemoveFileOnReboot(file); });
     }
-    for (auto it = folders.rbegin(); it != folders.rend(); ++it) ::RemoveDirectoryW(it->path.c_str());
+    for (auto it = folders.rbegin(); it != folders.rend(); ++it) ::RemoveDirectoryW(it->c_str());
     if (!::RemoveDirectoryW(folder.c_str())) LogInfo(L"Failed to remove folder '%s'. Error 0x%x.", folder,
                                                      FailureFromWin32(::GetLastError()));
 }

@@ -29,11 +29,6 @@ constexpr wchar_t kQuery[] =
 constexpr wchar_t kComponentsQuery[] = L"SELECT DISTINCT `Component_` FROM `RegistryEx`";
 constexpr wchar_t kComponentIdQuery[] = L"SELECT `ComponentId` FROM `Component` WHERE `Component` = ?";
 
-int IntegerOrZero(const Record& record, unsigned field) {
-    const int value = record.GetInteger(field);
-    return value == static_cast<int>(MSI_NULL_INTEGER) ? 0 : value;
-}
-
 // Whether a component's states let its rows be chosen at all.
 using ComponentFilter = std::function<bool(const std::wstring& component, const ComponentState& state)>;
 
@@ -72,12 +67,12 @@ std::optional<std::vector<RegistryExRow>> ReadRows(const Session& session, Sessi
     database.ForEachRow(kQuery, [&](const Record& record) {
         RegistryExRow row;
         row.id = record.GetString(1);
-        row.root = IntegerOrZero(record, 2);
+        row.root = record.GetIntegerOr(2, 0);
         row.key = record.GetString(3);  // formatted below, all rows together
         row.name = record.GetString(4);
         row.value = record.GetString(5);
         row.component = record.GetString(6);
-        row.attributes = IntegerOrZero(record, 7);
+        row.attributes = record.GetIntegerOr(7, 0);
         row.condition = record.GetString(8);
         row.file = record.GetString(9);
         ApplyReadingRules(row, reading, log);
