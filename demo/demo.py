@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """The demo: a package that uses every table built so far (TextFile,
-EventManifest, RegistryEx, MoveFileEx, RemoveFileEx), installed with Wine's msiexec in a fresh prefix under
+EventManifest, RegistryEx, MoveFileEx, RemoveFileEx, CabPackage), installed with Wine's msiexec in a fresh prefix under
 build/demo, then uninstalled; prints what the library did and the log lines
 that explain each decision."""
 import os
@@ -11,6 +11,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tools"))
 
+from cabinet import cabinet_bytes  # noqa: E402
 from machine_state import MachineState, differences, export_key  # noqa: E402
 from msipackage import ARCH, BUILD, DLL, Package, Prefix, library_lines, properties  # noqa: E402
 
@@ -45,6 +46,14 @@ MOVE_ROWS = [
 REMOVE_ROWS = [
     ("OldCache", "Main", "[INSTALLDIR]cache", "0", str(0x1 | 0x8 | 0x10), ""),
 ]
+# Extracts the help pages of a cabinet the package installs into help\,
+# replacing the stale index.html (backed up; the failing install puts it
+# back); uninstall removes exactly the extracted pages.
+CAB_ROWS = [
+    ("HelpPages", "[#help_cab]", "[INSTALLDIR]help", str(0x1 | 0x4), "Main", ""),
+]
+HELP_CAB = cabinet_bytes([("index.html", b"<h1>Setup Utils demo</h1>\n"), ("pages\\install.html", b"<p>Install</p>\n"),
+                          ("pages\\images\\logo.txt", b"(a logo)\n")])
 TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
 MANIFEST_ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "InstallEventManifestRollback",
                     "UninstallEventManifest", "UninstallEventManifestDeferred", "UninstallEventManifestRollback")
@@ -63,7 +72,7 @@ MANIFEST = """<?xml version="1.0" encoding="UTF-8"?>
 
 def demo_package(name, fail=False):
     package = Package(name, directory="Setup Utils Demo")
-    package.add_component("Main", [("readme", "readme.txt", "Setup Utils demo\n")])
+    package.add_component("Main", [("readme", "readme.txt", "Setup Utils demo\n"), ("help_cab", "help.cab", HELP_CAB)])
     package.add_component("Events", [("demo_events", "demo events.man", MANIFEST)])
     package.use_kit("GetWellKnownSids", "GetOsVersionInfo", *TEXT_ACTIONS, *MANIFEST_ACTIONS)
     package.add_table("TextFile", TEXT_ROWS)
@@ -71,6 +80,7 @@ def demo_package(name, fail=False):
     package.add_table("RegistryEx", REGISTRY_ROWS)
     package.add_table("MoveFileEx", MOVE_ROWS)
     package.add_table("RemoveFileEx", REMOVE_ROWS)
+    package.add_table("CabPackage", CAB_ROWS)
     if fail:
         package.fail_at(6550)
     return package
@@ -106,6 +116,9 @@ def main():
     for name in ("old.tmp", "sub/older.tmp"):
         (cache / name).parent.mkdir(parents=True, exist_ok=True)
         (cache / name).write_bytes(b"stale\n")
+    (install_dir / "help").mkdir(exist_ok=True)
+    (install_dir / "help" / "index.html").write_bytes(b"<h1>stale help</h1>\n")
+    (install_dir / "help" / "notes.txt").write_bytes(b"the user's own notes\n")
     show("cache folder before anything", sorted(str(p.relative_to(install_dir)) for p in cache.rglob("*")))
 
     show("settings.ini before anything", show_file(settings))
@@ -133,6 +146,8 @@ def main():
     show("app.config after the rollback (the previous file, byte for byte)", show_file(config))
     show("RemoveFilesExFinalize and RemoveFilesExRollback logged (the cache renamed aside, then back)",
          library_lines(log, "RemoveFilesExFinalize") + library_lines(log, "RemoveFilesExRollback"))
+    show("InstallCabsDeferred and InstallCabsRollback logged (extracted beside help\\, moved in, taken back)",
+         library_lines(log, "InstallCabsDeferred") + library_lines(log, "InstallCabsRollback"))
     show(f"{native} after the rollback (the value that was there, with its type)", registry_lines(prefix, native))
     show("The install folder, the registry key and the restart-time rename list after the rollback, against before",
          diff or ["identical: bytes, times, attributes, registry values, and the rename list"])
@@ -167,6 +182,10 @@ def main():
     show("app.config after install (the readme's copy)", show_file(config))
     show("RemoveFilesEx and RemoveFilesExFinalize logged (the cache removed, its backup deleted on commit)",
          library_lines(log, "RemoveFilesEx") + library_lines(log, "RemoveFilesExFinalize"))
+    show("InstallCabs, InstallCabsDeferred and InstallCabsCommit logged (the cabinet deleted on commit)",
+         library_lines(log, "InstallCabs") + library_lines(log, "InstallCabsDeferred") +
+         library_lines(log, "InstallCabsCommit"))
+    show("help folder after install", sorted(str(p.relative_to(install_dir)) for p in (install_dir / "help").rglob("*")))
     show("Files in the install folder (no backups left)", sorted(p.name for p in install_dir.iterdir()))
 
     code, log = prefix.msiexec("/x", prefix.windows_path(msi), log=work / "uninstall.log")
@@ -177,6 +196,10 @@ def main():
     show("settings.ini after uninstall (text files are left in place)", show_file(settings))
     show("UninstallRegistryDeferred logged", library_lines(log, "UninstallRegistryDeferred"))
     show(f"{native} after uninstall", registry_lines(prefix, native))
+    show("UninstallCabs and InstallCabsDeferred on uninstall (exactly the extracted files go)",
+         library_lines(log, "UninstallCabs") + library_lines(log, "InstallCabsDeferred"))
+    show("help folder after uninstall (exactly the cabinet's files went: the user's notes stay)",
+         sorted(str(p.relative_to(install_dir)) for p in (install_dir / "help").rglob("*")))
     return 0
 
 

@@ -1,6 +1,7 @@
 // The exported custom actions: one thin function per action, each running its
 // feature inside the action frame. Nothing else lives here.
 
+#include "actions/files/cabinet_actions.h"
 #include "actions/files/move_file_actions.h"
 #include "actions/files/remove_file_actions.h"
 #include "actions/files/text_file_actions.h"
@@ -32,6 +33,13 @@ UTILS_ACTION(MoveFilesExRollback, None)
 UTILS_ACTION(RemoveFilesEx, RemoveFiles)
 UTILS_ACTION(RemoveFilesExFinalize, RemoveFiles)
 UTILS_ACTION(RemoveFilesExRollback, None)
+
+UTILS_ACTION(InstallCabs, Cabinets)
+UTILS_ACTION(UninstallCabs, Cabinets)
+UTILS_ACTION(InstallCabsDeferred, Cabinets)
+UTILS_ACTION(InstallCabsDeferredUser, Cabinets)
+UTILS_ACTION(InstallCabsRollback, None)
+UTILS_ACTION(InstallCabsCommit, None)
 
 UTILS_ACTION(InstallRegFiles, TextFiles)
 UTILS_ACTION(UninstallRegFiles, TextFiles)

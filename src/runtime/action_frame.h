@@ -24,6 +24,7 @@ enum class ActionError : int {
     MoveFiles = 27455,
     RemoveFiles = 27456,
     WellKnownSids = 27457,
+    Cabinets = 27458,
     InstallEventManifest = 27466,
     UninstallEventManifest = 27467,
     OsVersionInfo = 27470,

@@ -2,6 +2,8 @@
 
 #include <rpc.h>
 
+#include <vector>
+
 #include "runtime/program_log.h"
 #include "runtime/throw.h"
 #include "runtime/unique_handle.h"
@@ -167,6 +169,45 @@ void CreateFolders(std::wstring_view folder) {
     if (!parent.empty() && parent.size() < path.size() && parent.back() != L':') CreateFolders(parent);
     if (::CreateDirectoryW(path.c_str(), nullptr) || ::GetLastError() == ERROR_ALREADY_EXISTS) return;
     Throw(LastErrorHResult(), L"Failed to create folder '" + path + L"'.");
+}
+
+bool FolderIsEmpty(std::wstring_view folder) {
+    WIN32_FIND_DATAW data;
+    FindHandle find(::FindFirstFileW(JoinPath(folder, L"*").c_str(), &data));
+    if (!find) return false;
+    do {
+        const std::wstring_view name = data.cFileName;
+        if (name != L"." && name != L"..") return false;
+    } while (::FindNextFileW(find.Get(), &data));
+    return true;
+}
+
+void RemoveFolderTree(std::wstring_view folder) {
+    const std::wstring path(folder);
+    std::vector<std::wstring> files, folders;
+    WIN32_FIND_DATAW data;
+    if (FindHandle find(::FindFirstFileW(JoinPath(path, L"*").c_str(), &data)); find) {
+        do {
+            const std::wstring name = data.cFileName;
+            if (name == L"." || name == L"..") continue;
+            const std::wstring entry = JoinPath(path, name);
+            if (data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) continue;
+            if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+                // Wine flags a link to a folder on the folder's own attributes only.
+                if (!(::GetFileAttributesW(entry.c_str()) & FILE_ATTRIBUTE_REPARSE_POINT)) folders.push_back(entry);
+            } else {
+                files.push_back(entry);
+            }
+        } while (::FindNextFileW(find.Get(), &data));
+    }
+    for (const std::wstring& sub : folders) RemoveFolderTree(sub);
+    for (const std::wstring& file : files) {
+        ::SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
+        if (!::DeleteFileW(file.c_str())) Leniently([&] { RemoveFileOnReboot(file); });
+    }
+    if (!::RemoveDirectoryW(path.c_str())) {
+        LogInfo(L"Failed to remove folder '%s'. Error 0x%x.", path, LastErrorHResult());
+    }
 }
 
 Wow64FsRedirectionGuard::Wow64FsRedirectionGuard() {

@@ -59,6 +59,14 @@ void MoveFileWithFallback(std::wstring_view source, std::wstring_view destinatio
 // "Failed to create folder '<folder>'." with the error.
 void CreateFolders(std::wstring_view folder);
 
+// True when the folder exists and holds nothing.
+bool FolderIsEmpty(std::wstring_view folder);
+// Deletes a folder this library made and everything in it, read-only files
+// too; a file that cannot go now goes at the next restart. A link inside is
+// neither entered nor removed (nor the folders holding it). Logs a failure
+// ("Failed to remove folder '<folder>'. Error 0x<hr>."); never throws.
+void RemoveFolderTree(std::wstring_view folder);
+
 // Turns off WOW64 file-system redirection for its lifetime. The functions are
 // looked up at run time, so systems without WOW64 load the DLL and the guard
 // does nothing there.

@@ -160,4 +160,21 @@ void CopyToNewFile(std::wstring_view source, std::wstring_view destination) {
     if (kept != 0) ::SetFileAttributesW(to.c_str(), kept);
 }
 
+void WriteWarnings(const std::wstring& file, const std::vector<std::wstring>& warnings) {
+    if (warnings.empty()) return;
+    if (file.empty()) {
+        LogInfo(L"InstallationWarningsFilePath is not set: the warnings above are in this log only.");
+        return;
+    }
+    LogInfo(L"Write exceptions that wasn't raised due to the ContinueOnError row attribute to '%s'.", file);
+    std::wstring text;
+    for (const std::wstring& warning : warnings) text += warning + L"\n";
+    try {
+        AppendUtf16File(file, text);
+    } catch (const Exception& e) {
+        LogInfo(L"%s Error 0x%x.", e.Message(), e.Code());
+        LogInfo(L"Failed to write '%s'. Unknown exception.", file);
+    }
+}
+
 }  // namespace setup

@@ -15,6 +15,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "runtime/unique_handle.h"
 
@@ -59,5 +60,10 @@ void WriteUtf16(const NewFile& file, std::wstring_view text);
 // "Copy file '<source>' -> '<destination>'."; throws "Failed to copy file
 // '<source>' -> '<destination>'." (a partial copy is deleted again).
 void CopyToNewFile(std::wstring_view source, std::wstring_view destination);
+
+// Appends the warnings of rows that continue on error, one per line, to the
+// installation's warnings file (the InstallationWarningsFilePath property);
+// without one, says that they are in the log only. Never throws.
+void WriteWarnings(const std::wstring& file, const std::vector<std::wstring>& warnings);
 
 }  // namespace setup

@@ -18,6 +18,16 @@ std::wstring JoinPath(std::wstring_view directory, std::wstring_view name) {
     return joined;
 }
 
+std::wstring LongPathForm(std::wstring_view path) {
+    std::wstring text(path);
+    for (wchar_t& c : text) {
+        if (c == L'/') c = L'\\';
+    }
+    if (text.rfind(L"\\\\?\\", 0) == 0) return text;
+    if (text.rfind(L"\\\\", 0) == 0) return L"\\\\?\\UNC\\" + text.substr(2);
+    return L"\\\\?\\" + text;
+}
+
 namespace {
 
 bool IsSeparator(wchar_t c) { return c == L'\\' || c == L'/'; }
@@ -35,6 +45,22 @@ bool IsUncAbsolute(std::wstring_view p) {
 }
 
 }  // namespace
+
+bool IsRootPath(std::wstring_view path) {
+    std::wstring text;
+    for (wchar_t c : path) text.push_back(c == L'/' ? L'\\' : c);
+    if (text.rfind(L"\\\\?\\UNC\\", 0) == 0 || text.rfind(L"\\\\?\\unc\\", 0) == 0) {
+        text = L"\\\\" + text.substr(8);
+    } else if (text.rfind(L"\\\\?\\", 0) == 0) {
+        text.erase(0, 4);
+    }
+    while (text.size() > 2 && text.back() == L'\\') text.pop_back();
+    if (text.size() == 2 && text[1] == L':') return true;
+    if (text.rfind(L"\\\\", 0) != 0) return false;
+    std::size_t separators = 0;
+    for (std::size_t i = 2; i < text.size(); ++i) separators += text[i] == L'\\';
+    return separators <= 1;
+}
 
 std::wstring PathProblem(std::wstring_view path) {
     std::wstring_view rest = path;

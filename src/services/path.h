@@ -12,6 +12,15 @@ std::wstring DirectoryOf(std::wstring_view path);
 // already ends in a separator, or when either part is empty.
 std::wstring JoinPath(std::wstring_view directory, std::wstring_view name);
 
+// `path` (absolute) in the "\\\\?\\" form that lifts the MAX_PATH limit:
+// separators as '\', "\\\\server\\share" as "\\\\?\\UNC\\server\\share"; a path
+// already in that form stays as it is.
+std::wstring LongPathForm(std::wstring_view path);
+
+// True for the root of a drive ("C:", "C:\\") or of a share ("\\\\server",
+// "\\\\server\\share"), also in the "\\\\?\\" forms and with trailing separators.
+bool IsRootPath(std::wstring_view path);
+
 // Why the library refuses to write, move or delete `path`, or empty when it
 // may. A path must be absolute: a drive ("C:\\..." or "C:/...") or a UNC share
 // ("\\\\server\\share\\..."), also in the "\\\\?\\" forms; a relative path would

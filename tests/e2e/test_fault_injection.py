@@ -11,6 +11,7 @@ import os
 import shutil
 import unittest
 
+from cabinet import A_ARCH, A_HIDDEN, A_RDONLY, cabinet_bytes
 from machine_state import HeldFile, Manifests, MachineState, WevtutilDouble, differences, rename_value, \
     set_rename_value, utf16_hex
 from msipackage import ARCH, Package, Prefix, library_lines, scratch_dir
@@ -23,6 +24,8 @@ AFTER_REGISTRY = 5025      # InstallRegFiles schedules at 5020
 AFTER_REGISTRY_REMOVAL = 2650  # UninstallRegFiles schedules at 2590
 AFTER_REMOVE_FILES = 3515  # RemoveFilesEx schedules at 3510
 AFTER_MOVE_FILES = 4515   # MoveFilesEx schedules at 4510
+AFTER_CABINETS = 4025     # InstallCabs schedules at 4020
+AFTER_CABINET_REMOVAL = 3497  # UninstallCabs schedules at 3495
 AFTER_EVERYTHING = 6550    # after every family's deferred work, before InstallFinalize
 OLD_TIME = 1_500_000_000   # a last-write time no write of today can produce
 
@@ -417,6 +420,58 @@ class RemoveFileFaults(FaultCase):
                 after = state.capture()
                 # A folder comes back without its own times; dir entries carry none.
                 self.assertUnchanged(before, after, log)
+
+
+class CabinetFaults(FaultCase):
+    """A CabPackage row that extracts into an existing folder, replacing files
+    (one read-only, one hidden) and adding folders: a failure after it brings
+    every replaced file back with its bytes, times and attributes, removes what
+    it added and restores the record; a failed uninstall puts every removed
+    file and folder back."""
+
+    RECORDS = "HKLM\\Software\\" + ("Wow6432Node\\" if ARCH == "x86" else "") + "Setup Utils\\CabPackage"
+
+    def package(self, name):
+        cab = cabinet_bytes([("a.txt", b"new a"), ("ro.txt", b"new ro", A_RDONLY | A_ARCH),
+                             ("hidden.txt", b"new hidden", A_HIDDEN), ("new\\deep\\b.txt", b"new b"),
+                             ("sub\\c.txt", b"new c")])
+        package = Package(name).add_component("Main", [("payload", "payload.cab", cab)])
+        package.add_table("CabPackage", [("Data", "[#payload]", "[INSTALLDIR]data", "1", "Main", "")])
+        return package
+
+    def prepare(self, package):
+        root = package.install_dir(self.prefix)
+        for name, mode in (("a.txt", 0o644), ("ro.txt", 0o444), ("hidden.txt", 0o644), ("sub/other.txt", 0o644)):
+            path = root / "data" / name
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.write_bytes(b"old " + name.encode())
+            os.chmod(path, mode)
+            os.utime(path, (OLD_TIME, OLD_TIME))
+        return MachineState(self.prefix, [root], registry_keys=[self.RECORDS])
+
+    def test_a_failed_install_brings_back_every_replaced_file(self):
+        for case, at in (("after the extraction", AFTER_CABINETS), ("at the end", AFTER_EVERYTHING)):
+            with self.subTest(case=case):
+                package = self.package(("FaultCab" + case.replace(" ", ""))[:48]).fail_at(at)
+                state = self.prepare(package)
+                before = state.capture()
+                code, log = self.run_msiexec(package, "/i", log=case.replace(" ", "") + ".log")
+                self.assertEqual(code, 1603, log[-3000:])
+                self.assertIn(f"Replace file 'C:\\Program Files\\{package.directory}\\data\\ro.txt'.",
+                              library_lines(log, "InstallCabsDeferred"))
+                self.assertUnchanged(before, state.capture(), log)
+
+    def test_a_failed_uninstall_puts_every_extracted_file_back(self):
+        package = self.package("FaultCabUninstall").fail_at(AFTER_CABINET_REMOVAL, 'REMOVE="ALL"')
+        state = self.prepare(package)
+        code, log = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 0, log[-3000:])
+        before = state.capture()
+        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
+        self.assertEqual(code, 1603, log[-3000:])
+        self.assertIn(f"Remove folder 'C:\\Program Files\\{package.directory}\\data\\new\\deep'.",
+                      library_lines(log, "InstallCabsDeferred"))
+        self.assertUnchanged(before, state.capture(), log)
 
 
 if __name__ == "__main__":

@@ -146,23 +146,6 @@ void CarryOut(const MoveFileItem& item) {
     CopyFileWithFallback(from, to, true);
 }
 
-void WriteWarnings(const std::wstring& file, const std::vector<std::wstring>& warnings) {
-    if (warnings.empty()) return;
-    if (file.empty()) {
-        LogInfo(L"InstallationWarningsFilePath is not set: the warnings above are in this log only.");
-        return;
-    }
-    LogInfo(L"Write exceptions that wasn't raised due to the ContinueOnError row attribute to '%s'.", file);
-    std::wstring text;
-    for (const std::wstring& warning : warnings) text += warning + L"\n";
-    try {
-        AppendUtf16File(file, text);
-    } catch (const Exception& e) {
-        LogInfo(L"%s Error 0x%x.", e.Message(), e.Code());
-        LogInfo(L"Failed to write '%s'. Unknown exception.", file);
-    }
-}
-
 // Carries out the rows of one phase in order. A row that continues on error
 // becomes a warning (logged, and appended to the warnings file); any other
 // failure ends the phase.

@@ -169,19 +169,6 @@ std::optional<Removal> Find(const RemoveFileItem& item) {
     return removal;
 }
 
-bool FolderIsEmpty(const std::wstring& folder) {
-    WIN32_FIND_DATAW data;
-    HANDLE find = ::FindFirstFileW(JoinPath(folder, L"*").c_str(), &data);
-    if (find == INVALID_HANDLE_VALUE) return false;
-    bool empty = true;
-    do {
-        const std::wstring name = data.cFileName;
-        if (name != L"." && name != L"..") empty = false;
-    } while (empty && ::FindNextFileW(find, &data));
-    ::FindClose(find);
-    return empty;
-}
-
 // A failure of a lenient row: logged, and the entry queued for removal at the next restart.
 void FailOrQueue(const RemoveFileItem& item, const std::wstring& path, bool folder, const std::wstring& failure) {
     const DWORD error = ::GetLastError();
@@ -273,20 +260,6 @@ void RestoreTree(const std::wstring& kept, const std::wstring& original) {
     }
 }
 
-// Deletes a backup folder this library made; links in it are removed, never followed.
-void RemoveTree(const std::wstring& folder) {
-    std::vector<std::wstring> files, folders;
-    std::vector<std::wstring> links;  // none: the removal never moves one here
-    Collect(folder, L"*", true, L"", files, folders, links);
-    for (const std::wstring& file : files) {
-        ::SetFileAttributesW(file.c_str(), FILE_ATTRIBUTE_NORMAL);
-        if (!::DeleteFileW(file.c_str())) Leniently([&] { RemoveFileOnReboot(file); });
-    }
-    for (auto it = folders.rbegin(); it != folders.rend(); ++it) ::RemoveDirectoryW(it->c_str());
-    if (!::RemoveDirectoryW(folder.c_str())) LogInfo(L"Failed to remove folder '%s'. Error 0x%x.", folder,
-                                                     FailureFromWin32(::GetLastError()));
-}
-
 bool Under(const std::wstring& path, const std::wstring& folder) {
     if (path.size() <= folder.size()) return false;
     for (std::size_t i = 0; i < folder.size(); ++i) {
@@ -358,7 +331,7 @@ void RemoveFilesExFinalize(Session& session) {
         for (const RemoveFileItem& item : data.undo) {
             if (!FolderExists(item.backup)) continue;
             LogInfo(L"Cleanup folder '%s'.", item.backup);
-            RemoveTree(item.backup);
+            RemoveFolderTree(item.backup);
         }
         for (const RemoveFileItem& item : data.items) Leniently([&] { RemoveNow(item); });
         return;

@@ -31,15 +31,6 @@ std::wstring Canonical(std::wstring_view path) {
     return text;
 }
 
-bool IsRoot(const std::wstring& canonical) {
-    if (canonical.size() == 2 && canonical[1] == L':') return true;  // "c:"
-    if (canonical.rfind(L"\\\\", 0) != 0) return false;
-    // "\\server" or "\\server\share"
-    std::size_t separators = 0;
-    for (std::size_t i = 2; i < canonical.size(); ++i) separators += canonical[i] == L'\\';
-    return separators <= 1;
-}
-
 const wchar_t* PhaseName(int phase) {
     switch (phase) {
     case Deferred: return L"deferred";
@@ -116,7 +107,7 @@ bool MatchesPattern(std::wstring_view name, std::wstring_view pattern) {
 std::wstring RemovalProblem(const std::wstring& folder, const std::vector<std::wstring>& protectedFolders) {
     if (const std::wstring why = PathProblem(folder + L"\\x"); !why.empty()) return why;
     const std::wstring path = Canonical(folder);
-    if (IsRoot(path)) return L"it is the root of a drive or share";
+    if (IsRootPath(path)) return L"it is the root of a drive or share";
     for (const std::wstring& guarded : protectedFolders) {
         if (guarded.empty()) continue;
         const std::wstring other = Canonical(guarded);

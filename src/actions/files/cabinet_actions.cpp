@@ -1,0 +1,407 @@
+#include "actions/files/cabinet_actions.h"
+
+#include <algorithm>
+#include <cwctype>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "actions/files/cabinet_extract.h"
+#include "actions/files/cabinet_plan.h"
+#include "actions/registry/registry_access.h"
+#include "runtime/exception.h"
+#include "runtime/program_log.h"
+#include "runtime/throw.h"
+#include "runtime/unique_handle.h"
+#include "services/file_operations.h"
+#include "services/file_write.h"
+#include "services/path.h"
+
+namespace setup {
+
+namespace {
+
+using namespace cabinet;
+
+constexpr wchar_t kTable[] = L"CabPackage";
+constexpr wchar_t kQuery[] =
+    L"SELECT `CabPackage`, `Cabinet`, `Target`, `Attributes`, `Component_`, `Condition` FROM `CabPackage`";
+constexpr int kHkcu = 1, kHklm = 2;
+
+std::optional<std::vector<CabinetRow>> ReadRows(const Session& session) {
+    std::vector<CabinetRow> rows;
+    const bool exists = session.ActiveDatabase().ForEachRowOfTable(kTable, kQuery, [&](const Record& record) {
+        CabinetRow row;
+        row.id = record.GetString(1);
+        if (row.id.empty()) Throw(kFail, L"The id is empty in CabPackage table.");
+        row.cabinet = record.GetString(2);
+        row.target = record.GetString(3);
+        row.attributes = record.GetIntegerOr(4, 0);
+        row.component = record.GetString(5);
+        if (row.component.empty()) Throw(kFail, L"The component is empty in CabPackage row '" + row.id + L"'.");
+        row.condition = record.GetString(6);
+        rows.push_back(std::move(row));
+    });
+    if (!exists) return std::nullopt;
+    std::vector<std::wstring> texts;
+    for (const CabinetRow& row : rows) {
+        texts.push_back(row.cabinet);
+        texts.push_back(row.target);
+    }
+    texts = session.FormatTexts(texts);  // all together: a few installer calls
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        CabinetRow& row = rows[i];
+        row.cabinet = std::move(texts[2 * i]);
+        row.target = std::move(texts[2 * i + 1]);
+        LogInfo(L"Configured cabinet %s, %s, %s, %d, %s, %s.", row.id, row.cabinet, row.target, row.attributes,
+                row.component, row.condition);
+    }
+    return rows;
+}
+
+// --- The record of what a row placed ---
+
+int RecordRoot(const CabinetItem& item) { return (item.attributes & PerUser) ? kHkcu : kHklm; }
+
+std::optional<CabinetRecord> ReadRecord(const CabinetItem& item) {
+    const std::optional<RegistryValue> value =
+        ReadValue(RecordRoot(item), CabinetRecordKey(item.product), item.id, kViewDefault);
+    if (!value || value->type != kRegSz) return std::nullopt;
+    return DecodeCabinetRecord(RenderValue(*value));
+}
+
+// Writes the record's text, or deletes it (and the keys it leaves empty) when `text` is empty.
+void WriteRecord(const CabinetItem& item, const std::wstring& text) {
+    const std::wstring key = CabinetRecordKey(item.product);
+    if (text.empty()) {
+        DeleteValue(RecordRoot(item), key, item.id, kViewDefault);
+        RemoveEmptyKeys(RecordRoot(item), key, kViewDefault, 1);
+        return;
+    }
+    // Written here rather than through WriteValue, which would log the whole
+    // list: the log says how much is recorded.
+    const CabinetRecord record = DecodeCabinetRecord(text);
+    LogInfo(L"Record the %u files and %u folders of cabinet '%s' under '%s'.", record.files.size(),
+            record.folders.size(), item.id, key);
+    RegistryKey handle;
+    ThrowIfWin32Error(::RegCreateKeyExW(RootHandle(RecordRoot(item)), key.c_str(), 0, nullptr, 0, KEY_SET_VALUE,
+                                        nullptr, handle.Put(), nullptr),
+                      L"Failed to create registry key '" + key + L"'.");
+    ThrowIfWin32Error(::RegSetValueExW(handle.Get(), item.id.c_str(), 0, REG_SZ,
+                                       reinterpret_cast<const BYTE*>(text.c_str()),
+                                       static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))),
+                      L"Failed to write registry value: Key '" + key + L"', Name '" + item.id + L"'.");
+}
+
+class InstallerCabinetMachine final : public CabinetMachine {
+public:
+    std::wstring NewUuid() override { return CreateUuidString(); }
+    std::optional<CabinetRecord> ReadRecord(const CabinetItem& item) override { return setup::ReadRecord(item); }
+};
+
+// --- The journal of a row's steps ---
+
+std::wstring JournalPath(const CabinetItem& item) { return JoinPath(item.work, L"journal"); }
+
+// The row's journal, open for appending; its work folder is created first.
+class Journal {
+public:
+    explicit Journal(const CabinetItem& item) : path_(JournalPath(item)) {
+        CreateFolders(LongPathForm(item.work));
+        file_.Reset(::CreateFileW(LongPathForm(path_).c_str(), FILE_APPEND_DATA, FILE_SHARE_READ, nullptr,
+                                  OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+        ThrowLastErrorIf(!file_, L"Failed to write file '" + path_ + L"'.");
+    }
+
+    void Write(JournalEntry::Kind kind, const std::wstring& path, const std::wstring& kept = {}) {
+        const std::wstring line = EncodeJournalEntry({kind, path, kept});
+        DWORD written = 0;
+        const DWORD size = static_cast<DWORD>(line.size() * sizeof(wchar_t));
+        ThrowLastErrorIf(!::WriteFile(file_.Get(), line.data(), size, &written, nullptr) || written != size,
+                         L"Failed to write file '" + path_ + L"'.");
+    }
+
+private:
+    std::wstring path_;
+    FileHandle file_;
+};
+
+std::vector<JournalEntry> ReadJournal(const CabinetItem& item) {
+    FileHandle file(::CreateFileW(LongPathForm(JournalPath(item)).c_str(), GENERIC_READ,
+                                  FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr));
+    if (!file) return {};
+    std::wstring text;
+    wchar_t buffer[4096];
+    DWORD read = 0;
+    while (::ReadFile(file.Get(), buffer, sizeof buffer, &read, nullptr) && read > 0) {
+        text.append(buffer, read / sizeof(wchar_t));
+    }
+    return DecodeJournal(text);
+}
+
+// --- Small file steps on long paths ---
+
+DWORD Attributes(const std::wstring& path) { return ::GetFileAttributesW(LongPathForm(path).c_str()); }
+bool Exists(const std::wstring& path) { return Attributes(path) != INVALID_FILE_ATTRIBUTES; }
+
+void Rename(const std::wstring& from, const std::wstring& to, const std::wstring& failure) {
+    ThrowLastErrorIf(!::MoveFileExW(LongPathForm(from).c_str(), LongPathForm(to).c_str(), 0), failure);
+}
+
+bool DeleteFileNow(const std::wstring& path) {
+    ::SetFileAttributesW(LongPathForm(path).c_str(), FILE_ATTRIBUTE_NORMAL);
+    return ::DeleteFileW(LongPathForm(path).c_str()) != FALSE;
+}
+
+// Creates the missing folders from `top` (exclusive, it exists) down to
+// `folder`, each written to the journal first; returns them.
+std::vector<std::wstring> CreateMissingFolders(Journal& journal, const std::wstring& folder) {
+    std::vector<std::wstring> missing;
+    for (std::wstring f = folder; !f.empty() && !Exists(f); f = DirectoryOf(f)) missing.push_back(f);
+    std::reverse(missing.begin(), missing.end());
+    for (const std::wstring& f : missing) {
+        journal.Write(JournalEntry::Folder, f);
+        ThrowLastErrorIf(!::CreateDirectoryW(LongPathForm(f).c_str(), nullptr) &&
+                             ::GetLastError() != ERROR_ALREADY_EXISTS,
+                         L"Failed to create folder '" + f + L"'.");
+    }
+    return missing;
+}
+
+bool SamePath(const std::wstring& a, const std::wstring& b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](wchar_t x, wchar_t y) {
+               return std::towlower(x) == std::towlower(y);
+           });
+}
+
+// --- Carrying out a row ---
+
+void Extract(const CabinetItem& item) {
+    if (const std::wstring why = CabinetTargetProblem(item.target); !why.empty()) {
+        Throw(kInvalidArgument, L"Refused to extract cabinet '" + item.id + L"' into '" + item.target + L"': " + why +
+                                    L".");
+    }
+    if (!FileExists(item.cabinet)) {
+        Throw(HResultFromWin32(ERROR_FILE_NOT_FOUND),
+              L"Failed to extract cabinet '" + item.cabinet + L"': the file does not exist.");
+    }
+    // The folders above the target first: the work folder lives beside it.
+    std::vector<std::wstring> above;
+    for (std::wstring f = DirectoryOf(item.target); !f.empty() && !Exists(f); f = DirectoryOf(f)) above.push_back(f);
+    CreateFolders(LongPathForm(DirectoryOf(item.target)));
+    Journal journal(item);
+    CabinetRecord added{item.target, {}, {}};
+    for (auto it = above.rbegin(); it != above.rend(); ++it) {
+        journal.Write(JournalEntry::Folder, *it);
+        added.folders.push_back(*it);
+    }
+    for (const std::wstring& f : CreateMissingFolders(journal, item.target)) added.folders.push_back(f);
+
+    LogInfo(L"Extract cabinet '%s' into '%s'.", item.cabinet, item.work);
+    const std::wstring staging = JoinPath(item.work, L"new");
+    const std::vector<std::wstring> names = ExtractCabinet(item.cabinet, staging);
+    const std::optional<CabinetRecord> earlier = ReadRecord(item);
+    const auto isOurs = [&](const std::wstring& path) {
+        return earlier && std::any_of(earlier->files.begin(), earlier->files.end(),
+                                      [&](const std::wstring& f) { return SamePath(f, path); });
+    };
+    for (const std::wstring& name : names) {
+        const std::wstring from = JoinPath(staging, name);
+        const std::wstring to = JoinPath(item.target, name);
+        for (const std::wstring& f : CreateMissingFolders(journal, DirectoryOf(to))) added.folders.push_back(f);
+        const DWORD attributes = Attributes(to);
+        if (attributes == INVALID_FILE_ATTRIBUTES) {
+            journal.Write(JournalEntry::Placed, to);
+            LogInfo(L"Extract file '%s'.", to);
+            Rename(from, to, L"Failed to move file '" + from + L"' -> '" + to + L"'.");
+        } else {
+            if (attributes & FILE_ATTRIBUTE_REPARSE_POINT) {
+                Throw(HResultFromWin32(ERROR_ACCESS_DENIED), L"Refused to write '" + to + L"': it is a link (reparse point).");
+            }
+            if (attributes & FILE_ATTRIBUTE_DIRECTORY) {
+                Throw(HResultFromWin32(ERROR_ALREADY_EXISTS),
+                      L"Failed to extract '" + name + L"' from cabinet '" + item.cabinet + L"': '" + to +
+                          L"' is a folder.");
+            }
+            if (!(item.attributes & Overwrite) && !isOurs(to)) {
+                LogInfo(L"Keep the existing file '%s': the row does not overwrite files (0x1).", to);
+                continue;
+            }
+            const std::wstring kept = JoinPath(JoinPath(item.work, L"old"), name);
+            CreateFolders(LongPathForm(DirectoryOf(kept)));
+            journal.Write(JournalEntry::Replaced, to, kept);
+            LogInfo(L"Replace file '%s'.", to);
+            Rename(to, kept, L"Failed to back up file '" + to + L"'.");
+            Rename(from, to, L"Failed to move file '" + from + L"' -> '" + to + L"'.");
+        }
+        added.files.push_back(to);
+    }
+    journal.Write(JournalEntry::Record, earlier ? EncodeCabinetRecord(*earlier) : std::wstring());
+    WriteRecord(item, EncodeCabinetRecord(MergeCabinetRecords(earlier.value_or(CabinetRecord{}), added)));
+}
+
+// Uninstall: the recorded files go into the work folder, then the recorded
+// folders left empty, deepest first, then the record.
+void Remove(const CabinetItem& item) {
+    if (!Exists(DirectoryOf(item.target))) {
+        LogInfo(L"Nothing to remove for cabinet '%s': the folder '%s' is gone.", item.id, item.target);
+        WriteRecord(item, {});
+        return;
+    }
+    Journal journal(item);
+    for (std::size_t i = 0; i < item.record.files.size(); ++i) {
+        const std::wstring& path = item.record.files[i];
+        const DWORD attributes = Attributes(path);
+        if (attributes == INVALID_FILE_ATTRIBUTES) {
+            LogInfo(L"The file '%s' is already gone.", path);
+            continue;
+        }
+        if (attributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) {
+            LogInfo(L"Leave '%s' in place: it is no longer the file the cabinet placed.", path);
+            continue;
+        }
+        const std::wstring kept = JoinPath(JoinPath(item.work, L"old"), std::to_wstring(i));
+        CreateFolders(LongPathForm(DirectoryOf(kept)));
+        journal.Write(JournalEntry::Removed, path, kept);
+        LogInfo(L"Remove file '%s'.", path);
+        Rename(path, kept, L"Failed to remove file '" + path + L"'.");
+    }
+    std::vector<std::wstring> folders = item.record.folders;
+    std::stable_sort(folders.begin(), folders.end(),
+                     [](const std::wstring& a, const std::wstring& b) { return a.size() > b.size(); });
+    for (const std::wstring& folder : folders) {
+        if (!FolderIsEmpty(LongPathForm(folder))) continue;
+        journal.Write(JournalEntry::RemovedFolder, folder);
+        LogInfo(L"Remove folder '%s'.", folder);
+        if (!::RemoveDirectoryW(LongPathForm(folder).c_str())) {
+            LogInfo(L"Failed to remove folder '%s'. Error 0x%x.", folder, FailureFromWin32(::GetLastError()));
+        }
+    }
+    journal.Write(JournalEntry::Record, EncodeCabinetRecord(item.record));
+    WriteRecord(item, {});
+}
+
+// Takes a row back from its journal, latest step first; the work folder goes,
+// then the folders the row created, when they are empty.
+void RollbackItem(const CabinetItem& item) {
+    if (!Exists(item.work)) return;
+    LogInfo(L"Rollback cabinet '%s' from '%s'.", item.id, item.work);
+    const std::vector<JournalEntry> entries = ReadJournal(item);
+    for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
+        const JournalEntry& entry = *it;
+        switch (entry.kind) {
+        case JournalEntry::Placed:
+            if (Exists(entry.path)) {
+                LogInfo(L"Remove file '%s'.", entry.path);
+                if (!DeleteFileNow(entry.path)) Leniently([&] { RemoveFileOnReboot(entry.path); });
+            }
+            break;
+        case JournalEntry::Replaced:
+        case JournalEntry::Removed:
+            if (!Exists(entry.kept)) break;  // the step was never taken
+            if (entry.kind == JournalEntry::Replaced && Exists(entry.path)) DeleteFileNow(entry.path);
+            LogInfo(L"Restore file '%s'.", entry.path);
+            Leniently([&] { Rename(entry.kept, entry.path, L"Failed to restore file '" + entry.path + L"'."); });
+            break;
+        case JournalEntry::RemovedFolder:
+            LogInfo(L"Create folder '%s'.", entry.path);
+            Leniently([&] { CreateFolders(LongPathForm(entry.path)); });
+            break;
+        case JournalEntry::Record:
+            Leniently([&] { WriteRecord(item, entry.path); });
+            break;
+        case JournalEntry::Folder: break;
+        }
+    }
+    RemoveFolderTree(LongPathForm(item.work));
+    for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
+        if (it->kind != JournalEntry::Folder || !FolderIsEmpty(LongPathForm(it->path))) continue;
+        LogInfo(L"Remove folder '%s'.", it->path);
+        ::RemoveDirectoryW(LongPathForm(it->path).c_str());
+    }
+}
+
+// Carries out the rows in order. A row that only warns is taken back at once
+// when it fails, and the failure becomes a warning; any other failure ends the
+// action (the installer's rollback then takes back every row).
+void CarryOut(const CabinetActionData& data) {
+    std::vector<std::wstring> warnings;
+    for (const CabinetItem& item : data.items) {
+        try {
+            item.remove ? Remove(item) : Extract(item);
+        } catch (const Exception& e) {
+            if (!(item.attributes & WarnOnFailure)) {
+                WriteWarnings(data.warningsFile, warnings);
+                throw;
+            }
+            warnings.push_back(Format(L"Warning: %s Error 0x%x.", e.Message(), e.Code()));
+            LogLine(warnings.back());
+            RollbackItem(item);
+        }
+    }
+    WriteWarnings(data.warningsFile, warnings);
+}
+
+void Plan(Session& session, bool uninstalling) {
+    const std::optional<std::vector<CabinetRow>> rows = ReadRows(session);
+    if (!rows) return;
+    SessionComponentStates states(session);
+    InstallerCabinetMachine machine;
+    ProgramLogSink log;
+    const std::vector<CabinetItem> items =
+        PlanCabinets(*rows, states, uninstalling, session.GetProperty(L"ProductCode"), machine, log);
+    CabinetActionData system, user;
+    for (const CabinetItem& item : items) ((item.attributes & PerUser) ? user : system).items.push_back(item);
+    const std::wstring warnings = session.GetProperty(L"InstallationWarningsFilePath");
+    system.warningsFile = user.warningsFile = warnings;
+    // The rollback first: it must be in the script before the work it takes back.
+    for (const auto& [data, suffix] : {std::pair{&system, L""}, std::pair{&user, L"User"}}) {
+        if (!data->items.empty()) {
+            session.ScheduleDeferred(std::wstring(L"InstallCabsRollback") + suffix, EncodeCabinetActionData(*data));
+        }
+    }
+    for (const auto& [data, suffix] : {std::pair{&system, L""}, std::pair{&user, L"User"}}) {
+        if (data->items.empty()) continue;
+        const std::wstring text = EncodeCabinetActionData(*data);
+        session.ScheduleDeferred(std::wstring(L"InstallCabsDeferred") + suffix, text);
+        session.ScheduleDeferred(std::wstring(L"InstallCabsCommit") + suffix, text);
+    }
+}
+
+}  // namespace
+
+void InstallCabs(Session& session) { Plan(session, false); }
+
+void UninstallCabs(Session& session) { Plan(session, true); }
+
+void InstallCabsDeferred(Session& session) {
+    Wow64FsRedirectionGuard redirection;
+    CarryOut(DecodeCabinetActionData(session.CustomActionData()));
+}
+
+void InstallCabsDeferredUser(Session& session) { InstallCabsDeferred(session); }
+
+void InstallCabsRollback(Session& session) {
+    Wow64FsRedirectionGuard redirection;
+    const CabinetActionData data = DecodeCabinetActionData(session.CustomActionData());
+    for (auto it = data.items.rbegin(); it != data.items.rend(); ++it) RollbackItem(*it);
+}
+
+void InstallCabsCommit(Session& session) {
+    Wow64FsRedirectionGuard redirection;
+    const CabinetActionData data = DecodeCabinetActionData(session.CustomActionData());
+    for (const CabinetItem& item : data.items) {
+        if (Exists(item.work)) {
+            LogInfo(L"Cleanup folder '%s'.", item.work);
+            RemoveFolderTree(LongPathForm(item.work));
+        }
+        if (!item.remove && (item.attributes & DeleteOnCommit) && FileExists(item.cabinet)) {
+            LogInfo(L"Remove cabinet '%s'.", item.cabinet);
+            Leniently([&] { RemoveFileWithFallback(item.cabinet, true); });
+        }
+    }
+}
+
+}  // namespace setup
