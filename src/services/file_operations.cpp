@@ -163,7 +163,7 @@ void MoveFileWithFallback(std::wstring_view source, std::wstring_view destinatio
 
 void CreateFolders(std::wstring_view folder) {
     const std::wstring path(folder);
-    if (path.empty() || FolderExists(path)) return;
+    if (path.empty() || IsRootPath(path) || FolderExists(path)) return;
     const std::wstring parent = DirectoryOf(path);
     // A drive ("C:") or a share's root has no parent to create.
     if (!parent.empty() && parent.size() < path.size() && parent.back() != L':') CreateFolders(parent);

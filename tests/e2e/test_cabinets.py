@@ -72,6 +72,28 @@ class Cabinets(unittest.TestCase):
         self.assertIn(f"Remove folder '{win}\\long'.", library_lines(log, "InstallCabsDeferred"))
         self.assertIsNone(self.prefix.reg_query(RECORDS + "\\" + package.product_code))
 
+    def test_two_products_share_the_files_until_the_last_one_goes(self):
+        """A major upgrade that removes the old product last: the new one takes
+        over the extracted files, and the old one's uninstall leaves them."""
+        shared = self.prefix.host_path("C:\\cabshared")
+        shutil.rmtree(shared, ignore_errors=True)
+        self.prefix.wine("reg", "delete", RECORDS, "/f")  # records of earlier runs would hold the files too
+        cab = {"payload.cab": cabinet_bytes(entries()[:3])}
+        old, new = (self.package([("Data", "[INSTALLDIR]payload.cab", "C:\\cabshared", 0)], cab, name=f"CabShared{n}")
+                    for n in (1, 2))
+        for package in (old, new):
+            code, log = self.run_msiexec(package, "/i", f"install-{package.name}.log")
+            self.assertEqual(code, 0, log[-3000:])
+        self.assertIn("Replace file 'C:\\cabshared\\a.txt'.", library_lines(log, "InstallCabsDeferred"))
+        code, log = self.run_msiexec(old, "/x", "uninstall-old.log")
+        self.assertEqual(code, 0, log[-3000:])
+        self.assertIn("Leave 'C:\\cabshared\\a.txt' in place: the cabinet of another product placed it too.",
+                      library_lines(log, "InstallCabsDeferred"))
+        self.assertEqual(self.tree(shared), ["a.txt", "sub", "sub\\b.bin", "sub\\deeper", "sub\\deeper\\c.txt"])
+        code, log = self.run_msiexec(new, "/x", "uninstall-new.log")
+        self.assertEqual(code, 0, log[-3000:])
+        self.assertFalse(shared.exists())
+
     def test_refused_names_corrupt_and_missing_cabinets(self):
         evil = cabinet_bytes([("ok.txt", b"ok"), ("..\\evil.txt", b"evil")])
         valid = cabinet_bytes(entries())

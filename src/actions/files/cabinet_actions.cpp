@@ -30,6 +30,18 @@ constexpr wchar_t kQuery[] =
     L"SELECT `CabPackage`, `Cabinet`, `Target`, `Attributes`, `Component_`, `Condition` FROM `CabPackage`";
 constexpr int kHkcu = 1, kHklm = 2;
 
+std::wstring Lower(const std::wstring& text) {
+    std::wstring lower;
+    for (wchar_t c : text) lower.push_back(static_cast<wchar_t>(std::towlower(c)));
+    return lower;
+}
+
+bool SamePath(const std::wstring& a, const std::wstring& b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](wchar_t x, wchar_t y) {
+               return std::towlower(x) == std::towlower(y);
+           });
+}
+
 std::optional<std::vector<CabinetRow>> ReadRows(const Session& session) {
     std::vector<CabinetRow> rows;
     const bool exists = session.ActiveDatabase().ForEachRowOfTable(kTable, kQuery, [&](const Record& record) {
@@ -95,6 +107,33 @@ void WriteRecord(const CabinetItem& item, const std::wstring& text) {
                       L"Failed to write registry value: Key '" + key + L"', Name '" + item.id + L"'.");
 }
 
+// What the records of other products hold in the same hive: after a major
+// upgrade that removes the old product last, the new product's extraction
+// placed the same files, and they stay until the last record goes.
+struct OtherRecords {
+    std::set<std::wstring> files;  // lower case
+    std::vector<std::wstring> folders;
+};
+
+OtherRecords ReadOtherRecords(const CabinetItem& item) {
+    OtherRecords others;
+    const std::wstring products = DirectoryOf(CabinetRecordKey(item.product));
+    try {
+        for (const std::wstring& product : GetSubkeys(RecordRoot(item), products, kViewDefault)) {
+            if (Lower(product) == Lower(item.product)) continue;
+            for (const RegistryValue& value : GetValues(RecordRoot(item), JoinPath(products, product), kViewDefault)) {
+                if (value.type != kRegSz) continue;
+                const CabinetRecord record = DecodeCabinetRecord(RenderValue(value));
+                for (const std::wstring& file : record.files) others.files.insert(Lower(file));
+                others.folders.insert(others.folders.end(), record.folders.begin(), record.folders.end());
+            }
+        }
+    } catch (const Exception& e) {
+        LogInfo(L"%s Error 0x%x.", e.Message(), e.Code());
+    }
+    return others;
+}
+
 class InstallerCabinetMachine final : public CabinetMachine {
 public:
     std::wstring NewUuid() override { return CreateUuidString(); }
@@ -143,7 +182,10 @@ std::vector<JournalEntry> ReadJournal(const CabinetItem& item) {
 
 // --- Small file steps on long paths ---
 
-DWORD Attributes(const std::wstring& path) { return ::GetFileAttributesW(LongPathForm(path).c_str()); }
+DWORD Attributes(const std::wstring& path) {
+    // "\\?\C:" names no folder; "\\?\C:\" does.
+    return ::GetFileAttributesW(LongPathForm(IsRootPath(path) ? path + L"\\" : path).c_str());
+}
 bool Exists(const std::wstring& path) { return Attributes(path) != INVALID_FILE_ATTRIBUTES; }
 
 void Rename(const std::wstring& from, const std::wstring& to, const std::wstring& failure) {
@@ -159,7 +201,9 @@ bool DeleteFileNow(const std::wstring& path) {
 // `folder`, each written to the journal first; returns them.
 std::vector<std::wstring> CreateMissingFolders(Journal& journal, const std::wstring& folder) {
     std::vector<std::wstring> missing;
-    for (std::wstring f = folder; !f.empty() && !Exists(f); f = DirectoryOf(f)) missing.push_back(f);
+    for (std::wstring f = folder; !f.empty() && !IsRootPath(f) && !Exists(f); f = DirectoryOf(f)) {
+        missing.push_back(f);
+    }
     std::reverse(missing.begin(), missing.end());
     for (const std::wstring& f : missing) {
         journal.Write(JournalEntry::Folder, f);
@@ -168,12 +212,6 @@ std::vector<std::wstring> CreateMissingFolders(Journal& journal, const std::wstr
                          L"Failed to create folder '" + f + L"'.");
     }
     return missing;
-}
-
-bool SamePath(const std::wstring& a, const std::wstring& b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](wchar_t x, wchar_t y) {
-               return std::towlower(x) == std::towlower(y);
-           });
 }
 
 // --- Carrying out a row ---
@@ -189,7 +227,9 @@ void Extract(const CabinetItem& item) {
     }
     // The folders above the target first: the work folder lives beside it.
     std::vector<std::wstring> above;
-    for (std::wstring f = DirectoryOf(item.target); !f.empty() && !Exists(f); f = DirectoryOf(f)) above.push_back(f);
+    for (std::wstring f = DirectoryOf(item.target); !f.empty() && !IsRootPath(f) && !Exists(f); f = DirectoryOf(f)) {
+        above.push_back(f);
+    }
     CreateFolders(LongPathForm(DirectoryOf(item.target)));
     Journal journal(item);
     CabinetRecord added{item.target, {}, {}};
@@ -202,10 +242,15 @@ void Extract(const CabinetItem& item) {
     LogInfo(L"Extract cabinet '%s' into '%s'.", item.cabinet, item.work);
     const std::wstring staging = JoinPath(item.work, L"new");
     const std::vector<std::wstring> names = ExtractCabinet(item.cabinet, staging);
+    // A file an earlier extraction placed is replaced even without 0x1: this
+    // row's own (a repair), or another product's (a major upgrade: both
+    // records then hold it, and it stays until the last one goes).
     const std::optional<CabinetRecord> earlier = ReadRecord(item);
+    const OtherRecords others = ReadOtherRecords(item);
     const auto isOurs = [&](const std::wstring& path) {
-        return earlier && std::any_of(earlier->files.begin(), earlier->files.end(),
-                                      [&](const std::wstring& f) { return SamePath(f, path); });
+        return others.files.count(Lower(path)) != 0 ||
+               (earlier && std::any_of(earlier->files.begin(), earlier->files.end(),
+                                       [&](const std::wstring& f) { return SamePath(f, path); }));
     };
     for (const std::wstring& name : names) {
         const std::wstring from = JoinPath(staging, name);
@@ -238,6 +283,12 @@ void Extract(const CabinetItem& item) {
         }
         added.files.push_back(to);
     }
+    // The folders another product created for the same files are this row's too.
+    const std::wstring inside = Lower(item.target);
+    for (const std::wstring& folder : others.folders) {
+        const std::wstring lower = Lower(folder);
+        if (lower == inside || lower.rfind(inside + L"\\", 0) == 0) added.folders.push_back(folder);
+    }
     journal.Write(JournalEntry::Record, earlier ? EncodeCabinetRecord(*earlier) : std::wstring());
     WriteRecord(item, EncodeCabinetRecord(MergeCabinetRecords(earlier.value_or(CabinetRecord{}), added)));
 }
@@ -251,11 +302,16 @@ void Remove(const CabinetItem& item) {
         return;
     }
     Journal journal(item);
+    const std::set<std::wstring> shared = ReadOtherRecords(item).files;
     for (std::size_t i = 0; i < item.record.files.size(); ++i) {
         const std::wstring& path = item.record.files[i];
         const DWORD attributes = Attributes(path);
         if (attributes == INVALID_FILE_ATTRIBUTES) {
             LogInfo(L"The file '%s' is already gone.", path);
+            continue;
+        }
+        if (shared.count(Lower(path)) != 0) {
+            LogInfo(L"Leave '%s' in place: the cabinet of another product placed it too.", path);
             continue;
         }
         if (attributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) {
