@@ -1,5 +1,7 @@
 #include "services/path.h"
 
+#include <cwctype>
+
 #include "runtime/format.h"
 
 namespace setup {
@@ -16,6 +18,13 @@ std::wstring JoinPath(std::wstring_view directory, std::wstring_view name) {
     }
     joined.append(name);
     return joined;
+}
+
+std::wstring PathKey(std::wstring_view path) {
+    std::wstring key;
+    key.reserve(path.size());
+    for (wchar_t c : path) key.push_back(static_cast<wchar_t>(std::towlower(c)));
+    return key;
 }
 
 std::wstring LongPathForm(std::wstring_view path) {

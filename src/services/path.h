@@ -12,6 +12,10 @@ std::wstring DirectoryOf(std::wstring_view path);
 // already ends in a separator, or when either part is empty.
 std::wstring JoinPath(std::wstring_view directory, std::wstring_view name);
 
+// `path` in lower case: the form paths are compared and looked up in, as
+// Windows file names ignore letter case.
+std::wstring PathKey(std::wstring_view path);
+
 // `path` (absolute) in the "\\\\?\\" form that lifts the MAX_PATH limit:
 // separators as '\', "\\\\server\\share" as "\\\\?\\UNC\\server\\share"; a path
 // already in that form stays as it is.

@@ -1,7 +1,6 @@
 #include "actions/files/cabinet_actions.h"
 
 #include <algorithm>
-#include <cwctype>
 #include <optional>
 #include <set>
 #include <string>
@@ -30,17 +29,6 @@ constexpr wchar_t kQuery[] =
     L"SELECT `CabPackage`, `Cabinet`, `Target`, `Attributes`, `Component_`, `Condition` FROM `CabPackage`";
 constexpr int kHkcu = 1, kHklm = 2;
 
-std::wstring Lower(const std::wstring& text) {
-    std::wstring lower;
-    for (wchar_t c : text) lower.push_back(static_cast<wchar_t>(std::towlower(c)));
-    return lower;
-}
-
-bool SamePath(const std::wstring& a, const std::wstring& b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](wchar_t x, wchar_t y) {
-               return std::towlower(x) == std::towlower(y);
-           });
-}
 
 std::optional<std::vector<CabinetRow>> ReadRows(const Session& session) {
     std::vector<CabinetRow> rows;
@@ -120,11 +108,11 @@ OtherRecords ReadOtherRecords(const CabinetItem& item) {
     const std::wstring products = DirectoryOf(CabinetRecordKey(item.product));
     try {
         for (const std::wstring& product : GetSubkeys(RecordRoot(item), products, kViewDefault)) {
-            if (Lower(product) == Lower(item.product)) continue;
+            if (PathKey(product) == PathKey(item.product)) continue;
             for (const RegistryValue& value : GetValues(RecordRoot(item), JoinPath(products, product), kViewDefault)) {
                 if (value.type != kRegSz) continue;
                 const CabinetRecord record = DecodeCabinetRecord(RenderValue(value));
-                for (const std::wstring& file : record.files) others.files.insert(Lower(file));
+                for (const std::wstring& file : record.files) others.files.insert(PathKey(file));
                 others.folders.insert(others.folders.end(), record.folders.begin(), record.folders.end());
             }
         }
@@ -197,14 +185,20 @@ bool DeleteFileNow(const std::wstring& path) {
     return ::DeleteFileW(LongPathForm(path).c_str()) != FALSE;
 }
 
-// Creates the missing folders from `top` (exclusive, it exists) down to
-// `folder`, each written to the journal first; returns them.
-std::vector<std::wstring> CreateMissingFolders(Journal& journal, const std::wstring& folder) {
+// The folders from the first missing one down to `folder`, top first.
+std::vector<std::wstring> MissingFolders(const std::wstring& folder) {
     std::vector<std::wstring> missing;
     for (std::wstring f = folder; !f.empty() && !IsRootPath(f) && !Exists(f); f = DirectoryOf(f)) {
         missing.push_back(f);
     }
     std::reverse(missing.begin(), missing.end());
+    return missing;
+}
+
+// Creates the missing folders down to `folder`, each written to the journal
+// first; returns them.
+std::vector<std::wstring> CreateMissingFolders(Journal& journal, const std::wstring& folder) {
+    const std::vector<std::wstring> missing = MissingFolders(folder);
     for (const std::wstring& f : missing) {
         journal.Write(JournalEntry::Folder, f);
         ThrowLastErrorIf(!::CreateDirectoryW(LongPathForm(f).c_str(), nullptr) &&
@@ -226,16 +220,13 @@ void Extract(const CabinetItem& item) {
               L"Failed to extract cabinet '" + item.cabinet + L"': the file does not exist.");
     }
     // The folders above the target first: the work folder lives beside it.
-    std::vector<std::wstring> above;
-    for (std::wstring f = DirectoryOf(item.target); !f.empty() && !IsRootPath(f) && !Exists(f); f = DirectoryOf(f)) {
-        above.push_back(f);
-    }
+    const std::vector<std::wstring> above = MissingFolders(DirectoryOf(item.target));
     CreateFolders(LongPathForm(DirectoryOf(item.target)));
     Journal journal(item);
     CabinetRecord added{item.target, {}, {}};
-    for (auto it = above.rbegin(); it != above.rend(); ++it) {
-        journal.Write(JournalEntry::Folder, *it);
-        added.folders.push_back(*it);
+    for (const std::wstring& f : above) {
+        journal.Write(JournalEntry::Folder, f);
+        added.folders.push_back(f);
     }
     for (const std::wstring& f : CreateMissingFolders(journal, item.target)) added.folders.push_back(f);
 
@@ -247,11 +238,10 @@ void Extract(const CabinetItem& item) {
     // records then hold it, and it stays until the last one goes).
     const std::optional<CabinetRecord> earlier = ReadRecord(item);
     const OtherRecords others = ReadOtherRecords(item);
-    const auto isOurs = [&](const std::wstring& path) {
-        return others.files.count(Lower(path)) != 0 ||
-               (earlier && std::any_of(earlier->files.begin(), earlier->files.end(),
-                                       [&](const std::wstring& f) { return SamePath(f, path); }));
-    };
+    std::set<std::wstring> placedBefore = others.files;
+    if (earlier) {
+        for (const std::wstring& file : earlier->files) placedBefore.insert(PathKey(file));
+    }
     for (const std::wstring& name : names) {
         const std::wstring from = JoinPath(staging, name);
         const std::wstring to = JoinPath(item.target, name);
@@ -270,7 +260,7 @@ void Extract(const CabinetItem& item) {
                       L"Failed to extract '" + name + L"' from cabinet '" + item.cabinet + L"': '" + to +
                           L"' is a folder.");
             }
-            if (!(item.attributes & Overwrite) && !isOurs(to)) {
+            if (!(item.attributes & Overwrite) && placedBefore.count(PathKey(to)) == 0) {
                 LogInfo(L"Keep the existing file '%s': the row does not overwrite files (0x1).", to);
                 continue;
             }
@@ -284,9 +274,9 @@ void Extract(const CabinetItem& item) {
         added.files.push_back(to);
     }
     // The folders another product created for the same files are this row's too.
-    const std::wstring inside = Lower(item.target);
+    const std::wstring inside = PathKey(item.target);
     for (const std::wstring& folder : others.folders) {
-        const std::wstring lower = Lower(folder);
+        const std::wstring lower = PathKey(folder);
         if (lower == inside || lower.rfind(inside + L"\\", 0) == 0) added.folders.push_back(folder);
     }
     journal.Write(JournalEntry::Record, earlier ? EncodeCabinetRecord(*earlier) : std::wstring());
@@ -310,7 +300,7 @@ void Remove(const CabinetItem& item) {
             LogInfo(L"The file '%s' is already gone.", path);
             continue;
         }
-        if (shared.count(Lower(path)) != 0) {
+        if (shared.count(PathKey(path)) != 0) {
             LogInfo(L"Leave '%s' in place: the cabinet of another product placed it too.", path);
             continue;
         }

@@ -1,6 +1,5 @@
 #include "actions/files/cabinet_extract.h"
 
-#include <cwctype>
 #include <fcntl.h>
 #include <map>
 #include <set>
@@ -107,9 +106,7 @@ INT_PTR CreateOutput(Extraction& extraction, const std::wstring& name) {
         return -1;
     }
     extraction.open.emplace(file, path);
-    std::wstring lower;
-    for (wchar_t c : relative) lower.push_back(static_cast<wchar_t>(std::towlower(c)));
-    if (extraction.seen.insert(lower).second) extraction.names.push_back(relative);
+    if (extraction.seen.insert(PathKey(relative)).second) extraction.names.push_back(relative);
     return reinterpret_cast<INT_PTR>(file);
 }
 

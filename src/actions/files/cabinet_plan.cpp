@@ -1,10 +1,10 @@
 #include "actions/files/cabinet_plan.h"
 
-#include <cwctype>
 #include <set>
 #include <utility>
 
 #include "runtime/action_data.h"
+#include "runtime/format.h"
 #include "services/path.h"
 
 namespace setup {
@@ -13,11 +13,6 @@ namespace {
 
 using namespace cabinet;
 
-std::wstring Lower(std::wstring_view text) {
-    std::wstring lower;
-    for (wchar_t c : text) lower.push_back(static_cast<wchar_t>(std::towlower(c)));
-    return lower;
-}
 
 std::wstring TrimSeparators(std::wstring path) {
     while (path.size() > 3 && (path.back() == L'\\' || path.back() == L'/')) path.pop_back();
@@ -63,9 +58,9 @@ CabinetRecord MergeCabinetRecords(const CabinetRecord& earlier, const CabinetRec
     merged.target = added.target.empty() ? earlier.target : added.target;
     const auto merge = [](std::vector<std::wstring>& into, const std::vector<std::wstring>& more) {
         std::set<std::wstring> seen;
-        for (const std::wstring& path : into) seen.insert(Lower(path));
+        for (const std::wstring& path : into) seen.insert(PathKey(path));
         for (const std::wstring& path : more) {
-            if (seen.insert(Lower(path)).second) into.push_back(path);
+            if (seen.insert(PathKey(path)).second) into.push_back(path);
         }
     };
     merge(merged.files, added.files);
@@ -106,36 +101,28 @@ std::wstring CabinetRecordKey(std::wstring_view product) {
 }
 
 Decision DecideCabinet(ComponentStates& states, const CabinetRow& row, LogSink& log) {
-    Decision d;
-    if (const auto state = states.State(row.component)) {
-        d.state = *state;
-        d.task = ClassifyComponent(*state);
-    }
-    const int task = static_cast<int>(d.task);
-    if (d.task == ComponentTask::None) {
-        d.verdict = Verdict::NullAction;
-        log.Info(L"Skip cabinet '%s', '%s' for null-action component.", row.id, row.cabinet);
-        return d;
-    }
-    d.condition = states.EvaluateCondition(row.condition);
-    if (d.condition == kConditionFalse || d.condition == kConditionError) {
-        d.verdict = Verdict::ConditionFailed;
-        log.Info(L"Skip cabinet '%s', '%s'. Condition is '%d'.", row.id, row.cabinet, d.condition);
-        return d;
-    }
-    if (d.task == ComponentTask::Uninstall && (row.attributes & KeepOnUninstall)) {
-        d.verdict = Verdict::NotMarked;
-        log.Info(L"Skip cabinet '%s', '%s'. Its files stay on uninstall (0x8).", row.id, row.cabinet);
-        return d;
-    }
-    d.verdict = Verdict::Chosen;
-    if (d.task == ComponentTask::Uninstall) {
-        log.Info(L"Need to remove the files of cabinet '%s', '%s'. Component to do %d.", row.id, row.cabinet, task);
-    } else {
-        log.Info(L"Need to extract cabinet '%s', '%s' to '%s'. Component to do %d.", row.id, row.cabinet, row.target,
-                 task);
-    }
-    return d;
+    const DecisionRule rule{.acceptInstall = true,
+                            .acceptUninstall = (row.attributes & KeepOnUninstall) == 0,
+                            .acceptReinstall = true,
+                            .evaluateCondition = true};
+    const auto text = [&](const Decision& d) {
+        const int task = static_cast<int>(d.task);
+        switch (d.verdict) {
+        case Verdict::NullAction:
+            return Format(L"Skip cabinet '%s', '%s' for null-action component.", row.id, row.cabinet);
+        case Verdict::NotMarked:
+            return Format(L"Skip cabinet '%s', '%s'. Its files stay on uninstall (0x8).", row.id, row.cabinet);
+        case Verdict::Chosen:
+            if (d.task == ComponentTask::Uninstall) {
+                return Format(L"Need to remove the files of cabinet '%s', '%s'. Component to do %d.", row.id,
+                              row.cabinet, task);
+            }
+            return Format(L"Need to extract cabinet '%s', '%s' to '%s'. Component to do %d.", row.id, row.cabinet,
+                          row.target, task);
+        default: return Format(L"Skip cabinet '%s', '%s'. Condition is '%d'.", row.id, row.cabinet, d.condition);
+        }
+    };
+    return DecideRow(states, rule, row.component, row.condition, text, log);
 }
 
 std::vector<CabinetItem> PlanCabinets(const std::vector<CabinetRow>& rows, ComponentStates& states,
