@@ -5,6 +5,7 @@
 #include "actions/files/move_file_actions.h"
 #include "actions/files/remove_file_actions.h"
 #include "actions/files/text_file_actions.h"
+#include "actions/files/xml_file_actions.h"
 #include "actions/registry/registry_ex_actions.h"
 #include "actions/registry/registry_fixups.h"
 #include "actions/system/event_manifest_actions.h"
@@ -40,6 +41,11 @@ UTILS_ACTION(InstallCabsDeferred, Cabinets)
 UTILS_ACTION(InstallCabsDeferredUser, Cabinets)
 UTILS_ACTION(InstallCabsRollback, None)
 UTILS_ACTION(InstallCabsCommit, None)
+
+UTILS_ACTION(InstallXmlFiles, XmlFiles)
+UTILS_ACTION(InstallXmlFilesDeferred, XmlFiles)
+UTILS_ACTION(InstallXmlFilesRollback, None)
+UTILS_ACTION(InstallXmlFilesCommit, None)
 
 UTILS_ACTION(InstallRegFiles, TextFiles)
 UTILS_ACTION(UninstallRegFiles, TextFiles)

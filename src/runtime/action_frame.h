@@ -25,6 +25,7 @@ enum class ActionError : int {
     RemoveFiles = 27456,
     WellKnownSids = 27457,
     Cabinets = 27458,
+    XmlFiles = 27459,
     InstallEventManifest = 27466,
     UninstallEventManifest = 27467,
     OsVersionInfo = 27470,

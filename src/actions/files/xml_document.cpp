@@ -1,0 +1,453 @@
+#include "actions/files/xml_document.h"
+
+#include <objbase.h>
+#include <oleauto.h>
+#include <msxml2.h>
+
+#include <utility>
+
+#include "actions/files/xml_file_plan.h"
+#include "runtime/exception.h"
+#include "runtime/hresult.h"
+
+namespace setup {
+
+namespace {
+
+// MinGW's msxml2.h declares the interface IDs without defining them.
+constexpr IID kIidDocument2 = {0x2933BF95, 0x7B36, 0x11d2, {0xB2, 0x0E, 0x00, 0xC0, 0x4F, 0x98, 0x3E, 0x60}};
+constexpr IID kIidElement = {0x2933BF86, 0x7B36, 0x11d2, {0xB2, 0x0E, 0x00, 0xC0, 0x4F, 0x98, 0x3E, 0x60}};
+
+// Sole owner of one COM interface pointer.
+template <class T>
+class ComPtr {
+public:
+    ComPtr() = default;
+    explicit ComPtr(T* p) : p_(p) {}
+    ComPtr(const ComPtr& other) : p_(other.p_) {
+        if (p_) p_->AddRef();
+    }
+    ComPtr& operator=(const ComPtr& other) {
+        ComPtr copy(other);
+        std::swap(p_, copy.p_);
+        return *this;
+    }
+    ~ComPtr() {
+        if (p_) p_->Release();
+    }
+    T* Get() const { return p_; }
+    T* operator->() const { return p_; }
+    T** Put() {
+        *this = ComPtr();
+        return &p_;
+    }
+    explicit operator bool() const { return p_ != nullptr; }
+
+private:
+    T* p_ = nullptr;
+};
+
+// Sole owner of one BSTR.
+class Bstr {
+public:
+    Bstr() = default;
+    explicit Bstr(const std::wstring& text) : b_(::SysAllocStringLen(text.data(), static_cast<UINT>(text.size()))) {}
+    ~Bstr() { ::SysFreeString(b_); }
+    Bstr(const Bstr&) = delete;
+    Bstr& operator=(const Bstr&) = delete;
+    BSTR Get() const { return b_; }
+    BSTR* Put() {
+        ::SysFreeString(b_);
+        b_ = nullptr;
+        return &b_;
+    }
+    std::wstring Text() const { return b_ ? std::wstring(b_, ::SysStringLen(b_)) : std::wstring(); }
+
+private:
+    BSTR b_ = nullptr;
+};
+
+// Sole owner of one VARIANT.
+class Variant {
+public:
+    Variant() { ::VariantInit(&v_); }
+    explicit Variant(const std::wstring& text) : Variant() {
+        v_.vt = VT_BSTR;
+        v_.bstrVal = ::SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
+    }
+    explicit Variant(bool value) : Variant() {
+        v_.vt = VT_BOOL;
+        v_.boolVal = value ? VARIANT_TRUE : VARIANT_FALSE;
+    }
+    explicit Variant(int value) : Variant() {
+        v_.vt = VT_I4;
+        v_.lVal = value;
+    }
+    explicit Variant(IUnknown* node) : Variant() {
+        v_.vt = VT_UNKNOWN;
+        v_.punkVal = node;
+        if (node) node->AddRef();
+    }
+    ~Variant() { ::VariantClear(&v_); }
+    Variant(const Variant&) = delete;
+    Variant& operator=(const Variant&) = delete;
+    VARIANT& Get() { return v_; }
+
+private:
+    VARIANT v_;
+};
+
+void Check(HRESULT hr, const std::wstring& message) {
+    if (FAILED(hr)) throw Exception(hr, message);
+}
+
+}  // namespace
+
+class XmlDocument::Node {
+public:
+    explicit Node(ComPtr<IXMLDOMNode> node) : node(std::move(node)) {}
+    ComPtr<IXMLDOMNode> node;
+};
+
+struct XmlDocument::State {
+    bool uninitialize = false;
+    ComPtr<IXMLDOMDocument2> document;
+};
+
+namespace {
+
+ComPtr<IXMLDOMDocument2> NewDocument() {
+    ComPtr<IXMLDOMDocument2> document;
+    HRESULT hr = E_FAIL;
+    for (const wchar_t* progId : {L"Msxml2.DOMDocument.6.0", L"Msxml2.DOMDocument.3.0"}) {
+        CLSID clsid;
+        if (FAILED(::CLSIDFromProgID(progId, &clsid))) continue;
+        hr = ::CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, kIidDocument2,
+                                reinterpret_cast<void**>(document.Put()));
+        if (SUCCEEDED(hr)) break;
+    }
+    Check(hr, L"Failed to create the XML document (MSXML).");
+    document->put_async(VARIANT_FALSE);
+    document->put_validateOnParse(VARIANT_FALSE);
+    document->put_resolveExternals(VARIANT_FALSE);
+    document->put_preserveWhiteSpace(VARIANT_TRUE);
+    Variant xpath(std::wstring(L"XPath"));
+    document->setProperty(Bstr(L"SelectionLanguage").Get(), xpath.Get());
+    Variant prohibit(true);
+    document->setProperty(Bstr(L"ProhibitDTD").Get(), prohibit.Get());  // MSXML 6; Wine ignores it (checked before)
+    return document;
+}
+
+void LoadText(IXMLDOMDocument2* document, const std::wstring& text) {
+    VARIANT_BOOL ok = VARIANT_FALSE;
+    const HRESULT hr = document->loadXML(Bstr(text).Get(), &ok);
+    if (SUCCEEDED(hr) && ok == VARIANT_TRUE) return;
+    std::wstring why = L"it is not well-formed XML";
+    ComPtr<IXMLDOMParseError> error;
+    if (SUCCEEDED(document->get_parseError(error.Put())) && error) {
+        Bstr reason;
+        long line = 0, column = 0;
+        error->get_reason(reason.Put());
+        error->get_line(&line);
+        error->get_linepos(&column);
+        std::wstring text2 = reason.Text();
+        while (!text2.empty() && (text2.back() == L'\n' || text2.back() == L'\r' || text2.back() == L' ')) {
+            text2.pop_back();
+        }
+        if (!text2.empty()) why += L": " + text2;
+        why += L" (line " + std::to_wstring(line) + L", column " + std::to_wstring(column) + L")";
+    }
+    throw Exception(kInvalidArgument, why);
+}
+
+ComPtr<IXMLDOMNode> ParentOf(IXMLDOMNode* node) {
+    ComPtr<IXMLDOMNode> parent;
+    node->get_parentNode(parent.Put());
+    return parent;
+}
+
+DOMNodeType TypeOf(IXMLDOMNode* node) {
+    DOMNodeType type = NODE_INVALID;
+    node->get_nodeType(&type);
+    return type;
+}
+
+ComPtr<IXMLDOMNode> PreviousOf(IXMLDOMNode* node) {
+    ComPtr<IXMLDOMNode> previous;
+    if (node->get_previousSibling(previous.Put()) != S_OK) return {};
+    return previous;
+}
+
+// How many earlier siblings of the node have `type` (any type: NODE_INVALID).
+// Counted, since Wine hands out a new COM object for each access to a node:
+// nodes cannot be told apart by identity.
+int CountBefore(IXMLDOMNode* node, DOMNodeType type) {
+    int count = 0;
+    for (ComPtr<IXMLDOMNode> current = PreviousOf(node); current; current = PreviousOf(current.Get())) {
+        if (type == NODE_INVALID || TypeOf(current.Get()) == type) ++count;
+    }
+    return count;
+}
+
+bool IsBlankText(IXMLDOMNode* node) {
+    if (TypeOf(node) != NODE_TEXT) return false;
+    // nodeValue, not text: MSXML trims the text of white space.
+    Variant value;
+    if (FAILED(node->get_nodeValue(&value.Get())) || value.Get().vt != VT_BSTR) return false;
+    for (wchar_t c : std::wstring(value.Get().bstrVal, ::SysStringLen(value.Get().bstrVal))) {
+        if (c != L' ' && c != L'\t' && c != L'\r' && c != L'\n') return false;
+    }
+    return true;
+}
+
+std::wstring NamespaceOf(IXMLDOMNode* node) {
+    Bstr uri;
+    node->get_namespaceURI(uri.Put());
+    return uri.Text();
+}
+
+// xmlns declarations for a fragment's wrapper: the parent's default namespace
+// and the row's prefixes.
+std::wstring Declarations(IXMLDOMNode* parent, const std::wstring& namespaces) {
+    std::wstring text;
+    ComPtr<IXMLDOMElement> element;
+    if (SUCCEEDED(parent->QueryInterface(kIidElement, reinterpret_cast<void**>(element.Put()))) && element) {
+        Bstr prefix;
+        parent->get_prefix(prefix.Put());
+        if (prefix.Text().empty()) text += L" xmlns=\"" + NamespaceOf(parent) + L"\"";
+    }
+    if (const auto selection = SelectionNamespaces(namespaces)) {
+        if (!selection->empty()) text += L" " + *selection;
+    }
+    return text;
+}
+
+// The children of a fragment parsed in a document of its own, under a wrapper
+// that declares the namespaces it may use.
+std::vector<ComPtr<IXMLDOMNode>> ParseFragment(const std::wstring& xml, const std::wstring& declarations) {
+    ComPtr<IXMLDOMDocument2> scratch = NewDocument();
+    try {
+        LoadText(scratch.Get(), L"<setup-utils-fragment" + declarations + L">" + xml + L"</setup-utils-fragment>");
+    } catch (const Exception& e) {
+        throw Exception(kInvalidArgument, L"The fragment is not well formed: " + e.Message());
+    }
+    ComPtr<IXMLDOMElement> root;
+    scratch->get_documentElement(root.Put());
+    ComPtr<IXMLDOMNodeList> children;
+    root->get_childNodes(children.Put());
+    long count = 0;
+    children->get_length(&count);
+    std::vector<ComPtr<IXMLDOMNode>> nodes;
+    for (long i = 0; i < count; ++i) {
+        ComPtr<IXMLDOMNode> child, copy;
+        children->get_item(i, child.Put());
+        Check(child->cloneNode(VARIANT_TRUE, copy.Put()), L"Failed to copy a node of the fragment.");
+        nodes.push_back(copy);
+    }
+    return nodes;
+}
+
+}  // namespace
+
+XmlDocument::XmlDocument() : state_(std::make_unique<State>()) {
+    const HRESULT hr = ::CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
+    state_->uninitialize = SUCCEEDED(hr);
+    state_->document = NewDocument();
+}
+
+XmlDocument::~XmlDocument() {
+    const bool uninitialize = state_->uninitialize;
+    state_.reset();
+    if (uninitialize) ::CoUninitialize();
+}
+
+void XmlDocument::Load(const std::wstring& text) { LoadText(state_->document.Get(), text); }
+
+std::wstring XmlDocument::Xml() const {
+    Bstr xml;
+    Check(state_->document->get_xml(xml.Put()), L"Failed to serialise the XML document.");
+    return xml.Text();
+}
+
+std::vector<XmlDocument::NodePtr> XmlDocument::Select(const std::wstring& xpath, const std::wstring& namespaces) {
+    Variant selection(namespaces);
+    Check(state_->document->setProperty(Bstr(L"SelectionNamespaces").Get(), selection.Get()),
+          L"The namespaces '" + namespaces + L"' are not accepted.");
+    ComPtr<IXMLDOMNodeList> list;
+    const HRESULT hr = state_->document->selectNodes(Bstr(xpath).Get(), list.Put());
+    if (FAILED(hr) || !list) throw Exception(kInvalidArgument, L"The XPath '" + xpath + L"' does not parse.");
+    long count = 0;
+    list->get_length(&count);
+    std::vector<NodePtr> nodes;
+    for (long i = 0; i < count; ++i) {
+        ComPtr<IXMLDOMNode> node;
+        if (SUCCEEDED(list->get_item(i, node.Put())) && node) nodes.push_back(std::make_shared<Node>(node));
+    }
+    return nodes;
+}
+
+XmlDocument::NodePtr XmlDocument::AtPosition(const std::wstring& path) {
+    Variant none{std::wstring()};
+    state_->document->setProperty(Bstr(L"SelectionNamespaces").Get(), none.Get());
+    ComPtr<IXMLDOMNode> node;
+    if (path.empty() || state_->document->selectSingleNode(Bstr(path).Get(), node.Put()) != S_OK || !node) {
+        return nullptr;
+    }
+    return std::make_shared<Node>(node);
+}
+
+std::wstring XmlDocument::PositionOf(const NodePtr& node) {
+    // Elements are counted among elements, text among text: neighbouring
+    // white space, which merges when the file is read again, counts for neither.
+    std::wstring path;
+    ComPtr<IXMLDOMNode> current = node->node;
+    for (;;) {
+        ComPtr<IXMLDOMNode> parent = ParentOf(current.Get());
+        if (!parent) break;
+        const DOMNodeType type = TypeOf(current.Get());
+        const wchar_t* test = type == NODE_ELEMENT ? L"*" : type == NODE_TEXT ? L"text()" : type == NODE_COMMENT ? L"comment()" : L"node()";
+        const int index = CountBefore(current.Get(), type == NODE_ELEMENT || type == NODE_TEXT || type == NODE_COMMENT ? type : NODE_INVALID);
+        path = L"/" + std::wstring(test) + L"[" + std::to_wstring(index + 1) + L"]" + path;
+        if (TypeOf(parent.Get()) == NODE_DOCUMENT) break;
+        current = parent;
+    }
+    return path;
+}
+
+std::wstring XmlDocument::NameOf(const NodePtr& node) {
+    Bstr name;
+    node->node->get_nodeName(name.Put());
+    return name.Text();
+}
+
+bool XmlDocument::IsElement(const NodePtr& node) {
+    DOMNodeType type = NODE_INVALID;
+    node->node->get_nodeType(&type);
+    return type == NODE_ELEMENT;
+}
+
+namespace {
+
+ComPtr<IXMLDOMElement> AsElement(IXMLDOMNode* node, const std::wstring& name) {
+    ComPtr<IXMLDOMElement> element;
+    if (FAILED(node->QueryInterface(kIidElement, reinterpret_cast<void**>(element.Put()))) || !element) {
+        throw Exception(kInvalidArgument, L"The attribute '" + name + L"' belongs to an element, and the match is none.");
+    }
+    return element;
+}
+
+}  // namespace
+
+std::optional<std::wstring> XmlDocument::Attribute(const NodePtr& element, const std::wstring& name) {
+    Variant value;
+    AsElement(element->node.Get(), name)->getAttribute(Bstr(name).Get(), &value.Get());
+    if (value.Get().vt != VT_BSTR) return std::nullopt;
+    return std::wstring(value.Get().bstrVal, ::SysStringLen(value.Get().bstrVal));
+}
+
+void XmlDocument::SetAttribute(const NodePtr& element, const std::wstring& name, const std::wstring& value) {
+    Variant text(value);
+    Check(AsElement(element->node.Get(), name)->setAttribute(Bstr(name).Get(), text.Get()),
+          L"Failed to set the attribute '" + name + L"'.");
+}
+
+void XmlDocument::RemoveAttribute(const NodePtr& element, const std::wstring& name) {
+    Check(AsElement(element->node.Get(), name)->removeAttribute(Bstr(name).Get()),
+          L"Failed to remove the attribute '" + name + L"'.");
+}
+
+std::wstring XmlDocument::Text(const NodePtr& node) {
+    Bstr text;
+    node->node->get_text(text.Put());
+    return text.Text();
+}
+
+void XmlDocument::SetText(const NodePtr& node, const std::wstring& text) {
+    Check(node->node->put_text(Bstr(text).Get()), L"Failed to set the text of '" + NameOf(node) + L"'.");
+}
+
+XmlDocument::NodePtr XmlDocument::AppendElement(const NodePtr& parent, const std::wstring& name,
+                                                const std::wstring& text, const std::wstring& namespaces) {
+    std::wstring uri = NamespaceOf(parent->node.Get());
+    if (const std::size_t colon = name.find(L':'); colon != std::wstring::npos) {
+        uri.clear();
+        const std::wstring prefix = name.substr(0, colon) + L"=";
+        for (std::size_t at = namespaces.find(prefix); at != std::wstring::npos; at = namespaces.find(prefix, at + 1)) {
+            if (at == 0 || namespaces[at - 1] == L' ' || namespaces[at - 1] == L'\t') {
+                const std::size_t end = namespaces.find_first_of(L" \t", at);
+                uri = namespaces.substr(at + prefix.size(), end == std::wstring::npos ? std::wstring::npos
+                                                                                     : end - at - prefix.size());
+                break;
+            }
+        }
+    }
+    Variant type(static_cast<int>(NODE_ELEMENT));
+    ComPtr<IXMLDOMNode> created, appended;
+    Check(state_->document->createNode(type.Get(), Bstr(name).Get(), Bstr(uri).Get(), created.Put()),
+          L"Failed to create the element '" + name + L"'.");
+    if (!text.empty()) Check(created->put_text(Bstr(text).Get()), L"Failed to set the text of '" + name + L"'.");
+    Check(parent->node->appendChild(created.Get(), appended.Put()), L"Failed to add the element '" + name + L"'.");
+    return std::make_shared<Node>(appended);
+}
+
+std::vector<XmlDocument::NodePtr> XmlDocument::AppendFragment(const NodePtr& parent, const std::wstring& xml,
+                                                              const std::wstring& namespaces) {
+    std::vector<NodePtr> added;
+    for (const ComPtr<IXMLDOMNode>& node : ParseFragment(xml, Declarations(parent->node.Get(), namespaces))) {
+        ComPtr<IXMLDOMNode> appended;
+        Check(parent->node->appendChild(node.Get(), appended.Put()), L"Failed to add the fragment.");
+        added.push_back(std::make_shared<Node>(appended));
+    }
+    return added;
+}
+
+void XmlDocument::InsertFragment(const NodePtr& parent, int afterElements, const std::wstring& xml) {
+    // Right after the parent's element number `afterElements` (0: first of all).
+    ComPtr<IXMLDOMNode> before;
+    parent->node->get_firstChild(before.Put());
+    for (int seen = 0; seen < afterElements && before;) {
+        if (TypeOf(before.Get()) == NODE_ELEMENT) ++seen;
+        ComPtr<IXMLDOMNode> next;
+        if (before->get_nextSibling(next.Put()) != S_OK) next = ComPtr<IXMLDOMNode>();
+        before = next;
+    }
+    // Last node first, each before the one inserted after it: Wine merges a
+    // text node inserted before another text node into it, which would put
+    // the indentation behind the element.
+    const std::vector<ComPtr<IXMLDOMNode>> nodes = ParseFragment(xml, Declarations(parent->node.Get(), L""));
+    for (auto it = nodes.rbegin(); it != nodes.rend(); ++it) {
+        Variant reference(static_cast<IUnknown*>(before.Get()));
+        if (!before) reference.Get().vt = VT_EMPTY;
+        ComPtr<IXMLDOMNode> inserted;
+        Check(parent->node->insertBefore(it->Get(), reference.Get(), inserted.Put()), L"Failed to insert a node.");
+        before = inserted;
+    }
+}
+
+std::pair<std::wstring, int> XmlDocument::Remove(const NodePtr& node, bool withIndent) {
+    ComPtr<IXMLDOMNode> parent = ParentOf(node->node.Get());
+    if (!parent) throw Exception(kInvalidArgument, L"The document itself cannot be removed.");
+    Bstr xml;
+    node->node->get_xml(xml.Put());
+    std::wstring text = xml.Text();
+    const int index = CountBefore(node->node.Get(), NODE_ELEMENT);
+    // The white space that indents the node goes with it (and comes back with
+    // it), so that the lines around it stay as they were.
+    ComPtr<IXMLDOMNode> indent = withIndent ? PreviousOf(node->node.Get()) : ComPtr<IXMLDOMNode>();
+    ComPtr<IXMLDOMNode> removed;
+    if (indent && IsBlankText(indent.Get())) {
+        Bstr space;
+        indent->get_xml(space.Put());
+        text = space.Text() + text;
+        Check(parent->removeChild(indent.Get(), removed.Put()), L"Failed to remove the white space before a node.");
+    }
+    Check(parent->removeChild(node->node.Get(), removed.Put()), L"Failed to remove '" + NameOf(node) + L"'.");
+    return {text, index};
+}
+
+XmlDocument::NodePtr XmlDocument::Parent(const NodePtr& node) {
+    ComPtr<IXMLDOMNode> parent = ParentOf(node->node.Get());
+    return parent ? std::make_shared<Node>(parent) : nullptr;
+}
+
+}  // namespace setup

@@ -1,0 +1,405 @@
+#include "actions/files/xml_file_actions.h"
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "actions/files/xml_document.h"
+#include "actions/files/xml_file_plan.h"
+#include "actions/registry/registry_access.h"
+#include "runtime/exception.h"
+#include "runtime/program_log.h"
+#include "runtime/throw.h"
+#include "runtime/unique_handle.h"
+#include "services/file_operations.h"
+#include "services/file_restore.h"
+#include "services/file_write.h"
+#include "services/path.h"
+
+namespace setup {
+
+namespace {
+
+using namespace xml_file;
+
+constexpr wchar_t kTable[] = L"XmlFile";
+constexpr wchar_t kQuery[] =
+    L"SELECT `XmlFile`, `File`, `XPath`, `Action`, `Name`, `Value`, `Namespaces`, `Sequence`, `Attributes`, "
+    L"`Component_`, `Condition` FROM `XmlFile`";
+constexpr int kHklm = 2;
+constexpr DWORD kLargestFile = 8 * 1024 * 1024;  // configuration files, not data
+
+std::optional<std::vector<XmlFileRow>> ReadRows(const Session& session) {
+    std::vector<XmlFileRow> rows;
+    const bool exists = session.ActiveDatabase().ForEachRowOfTable(kTable, kQuery, [&](const Record& record) {
+        XmlFileRow row;
+        row.id = record.GetString(1);
+        if (row.id.empty()) Throw(kFail, L"The id is empty in XmlFile table.");
+        row.file = record.GetString(2);
+        row.xpath = record.GetString(3);
+        row.action = record.GetIntegerOr(4, -1);
+        row.name = record.GetString(5);
+        row.value = record.GetString(6);
+        row.namespaces = record.GetString(7);
+        row.sequence = record.GetIntegerOr(8, 0);
+        row.attributes = record.GetIntegerOr(9, 0);
+        row.component = record.GetString(10);
+        if (row.component.empty()) Throw(kFail, L"The component is empty in XmlFile row '" + row.id + L"'.");
+        row.condition = record.GetString(11);
+        rows.push_back(std::move(row));
+    });
+    if (!exists) return std::nullopt;
+    std::vector<std::wstring> texts;
+    for (const XmlFileRow& row : rows) {
+        texts.push_back(row.file);
+        texts.push_back(EscapeXPathPredicates(row.xpath));
+        texts.push_back(row.value);
+    }
+    texts = session.FormatTexts(texts);  // all together: a few installer calls
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        XmlFileRow& row = rows[i];
+        row.file = std::move(texts[3 * i]);
+        row.xpath = std::move(texts[3 * i + 1]);
+        row.value = std::move(texts[3 * i + 2]);
+        const std::wstring value = (row.attributes & Secret) ? L"***" : row.value;
+        LogInfo(L"Configured xml edit %s, %s, %s, %d, %s, %s, %s, %d, %d, %s, %s.", row.id, row.file, row.xpath,
+                row.action, row.name, value, row.namespaces, row.sequence, row.attributes, row.component,
+                row.condition);
+    }
+    return rows;
+}
+
+class InstallerXmlFileMachine final : public XmlFileMachine {
+public:
+    std::wstring NewUuid() override { return CreateUuidString(); }
+};
+
+// --- Records of what the edits replaced ---
+
+std::optional<std::wstring> ReadRecord(const std::wstring& product, const std::wstring& id) {
+    const std::optional<RegistryValue> value = ReadValue(kHklm, XmlRecordKey(product), id, kViewDefault);
+    if (!value || value->type != kRegSz) return std::nullopt;
+    return RenderValue(*value);
+}
+
+// Writes the record, or deletes it (and the keys left empty) when there is no text.
+void WriteRecord(const std::wstring& product, const std::wstring& id, const std::optional<std::wstring>& text) {
+    const std::wstring key = XmlRecordKey(product);
+    if (!text) {
+        DeleteValue(kHklm, key, id, kViewDefault);
+        RemoveEmptyKeys(kHklm, key, kViewDefault, 1);
+        return;
+    }
+    // Written here rather than through WriteValue, whose line would show old values.
+    LogInfo(L"Record what xml edit '%s' replaced under '%s'.", id, key);
+    RegistryKey handle;
+    ThrowIfWin32Error(::RegCreateKeyExW(RootHandle(kHklm), key.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr,
+                                        handle.Put(), nullptr),
+                      L"Failed to create registry key '" + key + L"'.");
+    ThrowIfWin32Error(::RegSetValueExW(handle.Get(), id.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(text->c_str()),
+                                       static_cast<DWORD>((text->size() + 1) * sizeof(wchar_t))),
+                      L"Failed to write registry value: Key '" + key + L"', Name '" + id + L"'.");
+}
+
+// --- File bytes ---
+
+std::vector<unsigned char> ReadBytes(const std::wstring& path) {
+    FileHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+    ThrowLastErrorIf(!file, L"Failed to read file '" + path + L"'.");
+    LARGE_INTEGER size{};
+    ThrowLastErrorIf(!::GetFileSizeEx(file.Get(), &size), L"Failed to read file '" + path + L"'.");
+    if (size.QuadPart > kLargestFile) {
+        Throw(kInvalidArgument, L"Refused to edit '" + path + L"': it holds " + std::to_wstring(size.QuadPart) +
+                                    L" bytes, more than the " + std::to_wstring(kLargestFile) +
+                                    L" an XML edit reads.");
+    }
+    std::vector<unsigned char> bytes(static_cast<std::size_t>(size.QuadPart));
+    DWORD read = 0;
+    ThrowLastErrorIf(!bytes.empty() && (!::ReadFile(file.Get(), bytes.data(), static_cast<DWORD>(bytes.size()), &read,
+                                                    nullptr) || read != bytes.size()),
+                     L"Failed to read file '" + path + L"'.");
+    return bytes;
+}
+
+void WriteBytes(const std::wstring& path, const std::vector<unsigned char>& bytes) {
+    CheckNotLink(path);
+    // In place: the file keeps its attributes and permissions; the backup
+    // beside it is what rollback restores.
+    FileHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    ThrowLastErrorIf(!file, L"Failed to write file '" + path + L"'.");
+    DWORD written = 0;
+    ThrowLastErrorIf(!::SetEndOfFile(file.Get()) ||
+                         (!bytes.empty() && (!::WriteFile(file.Get(), bytes.data(), static_cast<DWORD>(bytes.size()),
+                                                          &written, nullptr) ||
+                                             written != bytes.size())),
+                     L"Failed to write file '" + path + L"'.");
+}
+
+std::wstring CreatedMarker(const XmlFileItem& item) { return item.backup + L".new"; }
+
+// --- Edits ---
+
+std::wstring Selection(const XmlEdit& edit) { return SelectionNamespaces(edit.namespaces).value_or(L""); }
+
+// Makes one edit and returns the steps that take it back.
+std::vector<XmlUndoStep> Apply(XmlDocument& document, const XmlEdit& edit, const std::wstring& file) {
+    std::vector<XmlDocument::NodePtr> nodes = document.Select(edit.xpath, Selection(edit));
+    const std::wstring value = LoggedValue(edit, edit.value);
+    if (nodes.empty()) {
+        if (edit.action == DeleteAttribute || edit.action == DeleteElements) {
+            LogInfo(L"Nothing to delete for '%s': '%s' matches nothing in '%s'.", edit.id, edit.xpath, file);
+            return {};
+        }
+        if (edit.attributes & SkipMissing) {
+            LogInfo(L"Skip xml edit '%s': '%s' matches nothing in '%s' (0x8).", edit.id, edit.xpath, file);
+            return {};
+        }
+        Throw(HResultFromWin32(ERROR_NOT_FOUND),
+              L"The XPath '" + edit.xpath + L"' of xml edit '" + edit.id + L"' matches nothing in '" + file + L"'.");
+    }
+    if (edit.action == SetValue) nodes.resize(1);
+    const auto count = static_cast<unsigned>(nodes.size());
+    std::vector<XmlUndoStep> steps;
+    const bool secret = (edit.attributes & Secret) != 0;
+    switch (edit.action) {
+    case SetValue:
+    case SetEveryValue:
+        if (!edit.name.empty()) {
+            LogInfo(L"Set attribute '%s' of %u node(s) matching '%s' in '%s' to '%s'.", edit.name, count, edit.xpath,
+                    file, value);
+        } else {
+            LogInfo(L"Set the text of %u node(s) matching '%s' in '%s' to '%s'.", count, edit.xpath, file, value);
+        }
+        for (const auto& node : nodes) {
+            XmlUndoStep step{edit.name.empty() ? XmlUndoStep::Text : XmlUndoStep::Attribute,
+                             XmlDocument::PositionOf(node), edit.name, std::nullopt, L"", 0};
+            if (edit.name.empty()) {
+                step.value = XmlDocument::Text(node);
+                XmlDocument::SetText(node, edit.value);
+            } else {
+                step.value = XmlDocument::Attribute(node, edit.name);
+                XmlDocument::SetAttribute(node, edit.name, edit.value);
+            }
+            // A secret's old value is kept nowhere (the record is readable by
+            // every user): uninstall leaves the value as it is.
+            if (!secret) steps.push_back(std::move(step));
+        }
+        break;
+    case CreateElement:
+        LogInfo(L"Create element '%s' under %u node(s) matching '%s' in '%s'.", edit.name, count, edit.xpath, file);
+        for (const auto& node : nodes) {
+            const auto created = document.AppendElement(node, edit.name, edit.value, edit.namespaces);
+            steps.push_back({XmlUndoStep::RemoveNode, XmlDocument::PositionOf(created), L"", std::nullopt, L"", 0});
+        }
+        break;
+    case DeleteAttribute:
+        LogInfo(L"Delete attribute '%s' of %u node(s) matching '%s' in '%s'.", edit.name, count, edit.xpath, file);
+        for (const auto& node : nodes) {
+            const std::optional<std::wstring> old = XmlDocument::Attribute(node, edit.name);
+            if (!old) continue;
+            XmlDocument::RemoveAttribute(node, edit.name);
+            if (!secret) steps.push_back({XmlUndoStep::Attribute, XmlDocument::PositionOf(node), edit.name, old, L"", 0});
+        }
+        break;
+    case DeleteElements:
+        LogInfo(L"Delete %u node(s) matching '%s' in '%s'.", count, edit.xpath, file);
+        for (const auto& node : nodes) {
+            const std::wstring parent = XmlDocument::PositionOf(XmlDocument::Parent(node));
+            auto [xml, index] = XmlDocument::Remove(node, true);
+            steps.push_back({XmlUndoStep::InsertNode, parent, L"", std::nullopt, std::move(xml), index});
+        }
+        break;
+    case AppendFragment:
+        LogInfo(L"Append a fragment under %u node(s) matching '%s' in '%s'.", count, edit.xpath, file);
+        for (const auto& node : nodes) {
+            for (const auto& added : document.AppendFragment(node, edit.value, edit.namespaces)) {
+                steps.push_back({XmlUndoStep::RemoveNode, XmlDocument::PositionOf(added), L"", std::nullopt, L"", 0});
+            }
+        }
+        break;
+    default: break;
+    }
+    return steps;
+}
+
+// Takes one row's recorded edit back, latest step first.
+void TakeBack(XmlDocument& document, const XmlEdit& edit, const std::vector<XmlUndoStep>& steps,
+              const std::wstring& file) {
+    LogInfo(L"Take back xml edit '%s' in '%s': %u step(s).", edit.id, file, static_cast<unsigned>(steps.size()));
+    for (auto it = steps.rbegin(); it != steps.rend(); ++it) {
+        const XmlUndoStep& step = *it;
+        const XmlDocument::NodePtr node = document.AtPosition(step.node);
+        if (!node) {
+            LogInfo(L"The node '%s' of '%s' is gone: that step of '%s' is passed over.", step.node, file, edit.id);
+            continue;
+        }
+        switch (step.kind) {
+        case XmlUndoStep::Attribute:
+            if (step.value) {
+                XmlDocument::SetAttribute(node, step.name, *step.value);
+            } else {
+                XmlDocument::RemoveAttribute(node, step.name);
+            }
+            break;
+        case XmlUndoStep::Text: XmlDocument::SetText(node, step.value.value_or(L"")); break;
+        case XmlUndoStep::RemoveNode: XmlDocument::Remove(node, false); break;
+        case XmlUndoStep::InsertNode: document.InsertFragment(node, step.index, step.xml); break;
+        }
+    }
+}
+
+// The text of a file a row creates: its root element, with the row's namespaces.
+std::wstring NewDocumentText(const XmlFileItem& item) {
+    for (const XmlEdit& edit : item.edits) {
+        if (!(edit.attributes & CreateFile)) continue;
+        const std::wstring root = RootElementOf(edit.xpath);
+        if (root.empty()) {
+            Throw(kInvalidArgument, L"The xml edit '" + edit.id + L"' creates '" + item.path +
+                                        L"', but its XPath does not begin with the root element's name.");
+        }
+        std::wstring declarations = Selection(edit);
+        if (!declarations.empty()) declarations.insert(0, L" ");
+        return L"<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n<" + root + declarations + L"/>\r\n";
+    }
+    return {};
+}
+
+void EditFile(const XmlFileItem& item, const std::wstring& product) {
+    CheckWritablePath(item.path);
+    if (!FileExists(item.path)) {
+        const std::wstring text = item.undo ? std::wstring() : NewDocumentText(item);
+        if (text.empty()) {
+            bool skip = item.undo;
+            for (const XmlEdit& edit : item.edits) skip = skip || (edit.attributes & SkipMissing);
+            if (!skip) Throw(HResultFromWin32(ERROR_FILE_NOT_FOUND), L"The xml file '" + item.path + L"' does not exist.");
+            LogInfo(L"Skip the xml file '%s': it does not exist.", item.path);
+            if (item.undo) {
+                for (const XmlEdit& edit : item.edits) WriteRecord(product, edit.id, std::nullopt);
+            }
+            return;
+        }
+        // The marker tells rollback that this file is new.
+        CreateFolders(DirectoryOf(item.path));
+        FileHandle marker(::CreateFileW(CreatedMarker(item).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                                        FILE_ATTRIBUTE_NORMAL, nullptr));
+        ThrowLastErrorIf(!marker, L"Failed to write file '" + CreatedMarker(item) + L"'.");
+        LogInfo(L"Create xml file '%s'.", item.path);
+        std::vector<unsigned char> bytes;
+        for (wchar_t c : text) bytes.push_back(static_cast<unsigned char>(c));
+        WriteBytes(item.path, bytes);
+    } else {
+        LogInfo(L"Backing up file '%s' -> '%s'.", item.path, item.backup);
+        CopyToNewFile(item.path, item.backup);
+    }
+
+    const std::vector<unsigned char> original = ReadBytes(item.path);
+    const XmlEncoding encoding = DetectXmlEncoding(original);
+    const std::wstring text = DecodeXmlText(original, encoding);
+    if (DeclaresDocumentType(text)) {
+        Throw(kInvalidArgument, L"Refused to edit '" + item.path + L"': it declares a document type (DTD).");
+    }
+    XmlDocument document;
+    try {
+        document.Load(text);
+    } catch (const Exception& e) {
+        Throw(e.Code(), L"Refused to edit '" + item.path + L"': " + e.Message() + L".");
+    }
+    std::vector<std::pair<const XmlEdit*, std::vector<XmlUndoStep>>> records;
+    for (const XmlEdit& edit : item.edits) {
+        try {
+            if (item.undo) {
+                const std::optional<std::wstring> record = ReadRecord(product, edit.id);
+                if (!record) {
+                    LogInfo(L"Nothing recorded for xml edit '%s'.", edit.id);
+                    continue;
+                }
+                TakeBack(document, edit, DecodeXmlUndo(*record), item.path);
+            } else {
+                records.emplace_back(&edit, Apply(document, edit, item.path));
+            }
+        } catch (const Exception& e) {
+            Throw(e.Code(), L"Failed xml edit '" + edit.id + L"' of '" + item.path + L"': " + e.Message());
+        }
+    }
+    const std::vector<unsigned char> bytes = EncodeXmlText(document.Xml(), encoding, XmlDeclarationOf(text));
+    if (bytes == original) {
+        LogInfo(L"The xml file '%s' is unchanged.", item.path);
+    } else {
+        LogInfo(L"Write to file '%s'.", item.path);
+        WriteBytes(item.path, bytes);
+    }
+    bool keepTime = false;
+    for (const XmlEdit& edit : item.edits) keepTime = keepTime || (edit.attributes & KeepTime);
+    if (keepTime && FileExists(item.backup)) CopyFileTime(item.backup, item.path);
+
+    for (const XmlEdit& edit : item.edits) {
+        if (item.undo) WriteRecord(product, edit.id, std::nullopt);
+    }
+    for (const auto& [edit, steps] : records) {
+        // An earlier installation's record holds the values from before the
+        // product: a repair keeps it.
+        if ((edit->attributes & (Permanent | OnUninstall)) || ReadRecord(product, edit->id)) continue;
+        WriteRecord(product, edit->id, EncodeXmlUndo(steps));
+    }
+}
+
+}  // namespace
+
+void InstallXmlFiles(Session& session) {
+    Wow64FsRedirectionGuard redirection;
+    const std::optional<std::vector<XmlFileRow>> rows = ReadRows(session);
+    if (!rows) return;
+    SessionComponentStates states(session);
+    InstallerXmlFileMachine machine;
+    ProgramLogSink log;
+    XmlFileActionData data;
+    data.items = PlanXmlFiles(*rows, states, machine, log);
+    if (data.items.empty()) return;
+    data.product = session.GetProperty(L"ProductCode");
+    XmlFileActionData rollback = data;
+    for (const XmlFileItem& item : data.items) {
+        for (const XmlEdit& edit : item.edits) rollback.records.push_back({edit.id, ReadRecord(data.product, edit.id)});
+    }
+    session.ScheduleDeferred(L"InstallXmlFilesRollback", EncodeXmlFileActionData(rollback));
+    session.ScheduleDeferred(L"InstallXmlFilesDeferred", EncodeXmlFileActionData(data));
+    session.ScheduleDeferred(L"InstallXmlFilesCommit", EncodeXmlFileActionData(data));
+}
+
+void InstallXmlFilesDeferred(Session& session) {
+    Wow64FsRedirectionGuard redirection;
+    const XmlFileActionData data = DecodeXmlFileActionData(session.CustomActionData());
+    for (const XmlFileItem& item : data.items) EditFile(item, data.product);
+}
+
+void InstallXmlFilesRollback(Session& session) {
+    Wow64FsRedirectionGuard redirection;
+    const XmlFileActionData data = DecodeXmlFileActionData(session.CustomActionData());
+    for (auto it = data.items.rbegin(); it != data.items.rend(); ++it) {
+        const XmlFileItem& item = *it;
+        if (FileExists(item.backup)) {
+            Leniently([&] { RestoreFileFromBackup(item.path, item.backup); });
+        } else if (FileExists(CreatedMarker(item))) {
+            LogInfo(L"Delete file '%s'.", item.path);
+            Leniently([&] { RemoveFileWithFallback(item.path, true); });
+        }
+        if (FileExists(CreatedMarker(item))) Leniently([&] { RemoveBackupFile(CreatedMarker(item)); });
+    }
+    for (const XmlRecordValue& record : data.records) {
+        Leniently([&] { WriteRecord(data.product, record.id, record.text); });
+    }
+}
+
+void InstallXmlFilesCommit(Session& session) {
+    Wow64FsRedirectionGuard redirection;
+    const XmlFileActionData data = DecodeXmlFileActionData(session.CustomActionData());
+    for (const XmlFileItem& item : data.items) {
+        for (const std::wstring& file : {item.backup, CreatedMarker(item)}) {
+            if (!FileExists(file)) continue;
+            LogInfo(L"Cleanup file '%s'.", file);
+            Leniently([&] { RemoveBackupFile(file); });
+        }
+    }
+}
+
+}  // namespace setup

