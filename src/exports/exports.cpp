@@ -43,6 +43,7 @@ UTILS_ACTION(InstallCabsRollback, None)
 UTILS_ACTION(InstallCabsCommit, None)
 
 UTILS_ACTION(InstallXmlFiles, XmlFiles)
+UTILS_ACTION(UninstallXmlFiles, XmlFiles)
 UTILS_ACTION(InstallXmlFilesDeferred, XmlFiles)
 UTILS_ACTION(InstallXmlFilesRollback, None)
 UTILS_ACTION(InstallXmlFilesCommit, None)

@@ -26,6 +26,8 @@ AFTER_REMOVE_FILES = 3515  # RemoveFilesEx schedules at 3510
 AFTER_MOVE_FILES = 4515   # MoveFilesEx schedules at 4510
 AFTER_CABINETS = 4025     # InstallCabs schedules at 4020
 AFTER_CABINET_REMOVAL = 3497  # UninstallCabs schedules at 3495
+AFTER_XML_FILES = 4035    # InstallXmlFiles schedules at 4030
+AFTER_XML_UNDO = 3494     # UninstallXmlFiles schedules at 3493
 AFTER_EVERYTHING = 6550    # after every family's deferred work, before InstallFinalize
 OLD_TIME = 1_500_000_000   # a last-write time no write of today can produce
 
@@ -471,6 +473,63 @@ class CabinetFaults(FaultCase):
         self.assertEqual(code, 1603, log[-3000:])
         self.assertIn(f"Remove folder 'C:\\Program Files\\{package.directory}\\data\\new\\deep'.",
                       library_lines(log, "InstallCabsDeferred"))
+        self.assertUnchanged(before, state.capture(), log)
+
+
+class XmlFileFaults(FaultCase):
+    """XmlFile edits of two existing files (one read-only with an old time)
+    and one file they create: a failed install leaves every file byte for
+    byte, with its times and attributes, no created file and no records; a
+    failed uninstall puts the edited files and the records back."""
+
+    RECORDS = "HKLM\\Software\\" + ("Wow6432Node\\" if ARCH == "x86" else "") + "Setup Utils\\XmlFile"
+
+    def package(self, name, win):
+        rows = [("Port", f"{win}\\app.config", "//add[@key='port']", "0", "value", "8080", "", "1", "0"),
+                ("Gone", f"{win}\\app.config", "//add[@key='gone']", "4", "", "", "", "2", "0"),
+                ("Note", f"{win}\\other.xml", "/root", "2", "note", "n", "", "1", "0"),
+                ("Fresh", f"{win}\\new.xml", "/fresh", "2", "child", "c", "", "1", "4")]
+        package = Package(name).add_component("Main", [("readme", "readme.txt", "r")])
+        package.add_table("XmlFile", [r[:9] + ("Main", "") for r in rows])
+        return package
+
+    def prepare(self, win):
+        root = self.prefix.host_path(win)
+        shutil.rmtree(root, ignore_errors=True)
+        root.mkdir(parents=True)
+        (root / "app.config").write_bytes(b'\xef\xbb\xbf<c>\r\n  <add key="port" value="80"/>\r\n'
+                                          b'  <add key="gone" value="1"/>\r\n</c>\r\n')
+        (root / "other.xml").write_bytes("<root>\n</root>\n".encode("utf-16"))
+        os.chmod(root / "other.xml", 0o444)
+        for name in ("app.config", "other.xml"):
+            os.utime(root / name, (OLD_TIME, OLD_TIME))
+        return MachineState(self.prefix, [root], registry_keys=[self.RECORDS])
+
+    def test_a_failed_install_leaves_every_file_as_it_was(self):
+        for case, at in (("after the edits", AFTER_XML_FILES), ("at the end", AFTER_EVERYTHING)):
+            with self.subTest(case=case):
+                win = "C:\\xml-fault"
+                state = self.prepare(win)
+                (self.prefix.host_path(win) / "other.xml").chmod(0o644)  # writable: the edit must happen
+                package = self.package(("FaultXml" + case.replace(" ", ""))[:48], win).fail_at(at)
+                before = state.capture()
+                code, log = self.run_msiexec(package, "/i", log=case.replace(" ", "") + ".log")
+                self.assertEqual(code, 1603, log[-3000:])
+                self.assertIn(f"Create xml file '{win}\\new.xml'.", library_lines(log, "InstallXmlFilesDeferred"))
+                self.assertUnchanged(before, state.capture(), log)
+
+    def test_a_failed_uninstall_puts_edits_and_records_back(self):
+        win = "C:\\xml-fault-uninstall"
+        state = self.prepare(win)
+        (self.prefix.host_path(win) / "other.xml").chmod(0o644)
+        package = self.package("FaultXmlUninstall", win).fail_at(AFTER_XML_UNDO, 'REMOVE="ALL"')
+        code, log = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 0, log[-3000:])
+        before = state.capture()
+        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
+        self.assertEqual(code, 1603, log[-3000:])
+        self.assertIn(f"Take back xml edit 'Gone' in '{win}\\app.config': 1 step(s).",
+                      library_lines(log, "InstallXmlFilesDeferred"))
         self.assertUnchanged(before, state.capture(), log)
 
 

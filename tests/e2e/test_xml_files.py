@@ -94,7 +94,63 @@ class XmlFiles(unittest.TestCase):
         self.assertEqual(ns.read_bytes(), before[ns])
         self.assertEqual(web.read_bytes(), before[web].replace(b'value="80"/>', b'value="80" kept="yes"/>'))
         self.assertIn("Skip xml edit 'Keep', '" + self.win + "\\web.config'. It is permanent (0x1): uninstall "
-                      "leaves it.", library_lines(log, "InstallXmlFiles"))
+                      "leaves it.", library_lines(log, "UninstallXmlFiles"))
+
+    def test_a_secret_stays_out_of_the_log_and_missing_files_are_skipped(self):
+        (self.root / "db.config").write_text('<db password="old-one" user="u"/>')
+        rows = [("Password", f"{self.win}\\db.config", "/db", SET, "password", "[DB_PASSWORD]", "", 1, SECRET),
+                ("Optional", f"{self.win}\\none.config", "/x", SET, "a", "b", "", 1, SKIP_MISSING),
+                ("NoMatch", f"{self.win}\\db.config", "/db/nothing", SET, "a", "b", "", 2, SKIP_MISSING)]
+        package = self.package(rows, DB_PASSWORD="S3cr3t-Value!", MsiHiddenProperties="DB_PASSWORD")
+        code, log = self.run_msiexec(package, "/i", "install.log")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertEqual((self.root / "db.config").read_text(), '<db password="S3cr3t-Value!" user="u"/>')
+        # Nowhere but in the property list Wine's msiexec prints at the end:
+        # it ignores MsiHiddenProperties, where Windows leaves out the author's
+        # property and the data of the actions, which the library adds.
+        self.assertEqual([line for line in log.splitlines() if "S3cr3t-Value!" in line and
+                          not line.startswith(("Property(S): DB_PASSWORD = ", "Property(S): InstallXmlFiles",
+                                               "Property(S): CustomActionData = "))], [])
+        self.assertIn("Property(S): MsiHiddenProperties = DB_PASSWORD;InstallXmlFilesRollback;InstallXmlFilesDeferred;"
+                      "InstallXmlFilesCommit", log)
+        deferred = library_lines(log, "InstallXmlFilesDeferred")
+        self.assertIn(f"Set attribute 'password' of 1 node(s) matching '/db' in '{self.win}\\db.config' to '***'.",
+                      deferred)
+        self.assertIn(f"Skip the xml file '{self.win}\\none.config': it does not exist.", deferred)
+        self.assertIn(f"Skip xml edit 'NoMatch': '/db/nothing' matches nothing in '{self.win}\\db.config' (0x8).",
+                      deferred)
+        # A file that is gone by uninstall is a skip, never a failed uninstall.
+        (self.root / "db.config").unlink()
+        code, log = self.run_msiexec(package, "/x", "uninstall.log")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertIn(f"Skip the xml file '{self.win}\\db.config': it does not exist.",
+                      library_lines(log, "InstallXmlFilesDeferred"))
+
+    def test_bad_input_fails_clearly_and_changes_nothing(self):
+        good = '<?xml version="1.0"?>\n<a><b/></a>\n'
+        cases = [
+            ("Malformed", "<a><b></a>", "/a", SET, "x", "1", "it is not well-formed XML"),
+            ("Dtd", '<?xml version="1.0"?>\n<!DOCTYPE a [<!ENTITY e "x">]>\n<a>&e;</a>', "/a", SET, "x", "1",
+             "it declares a document type (DTD)"),
+            ("XPath", good, "/a/b[@", SET, "x", "1", "does not parse"),
+            ("Fragment", good, "/a", APPEND, "", "<c>", "The fragment is not well formed"),
+            ("Large", "<a>" + "x" * (9 * 1024 * 1024) + "</a>", "/a", SET, "x", "1", "an XML edit reads"),
+            ("Missing", None, "/a", SET, "x", "1", "does not exist"),
+        ]
+        for name, content, xpath, action, attribute, value, why in cases:
+            with self.subTest(case=name):
+                path = self.root / f"{name}.xml"
+                if content is not None:
+                    path.write_text(content)
+                before = path.read_bytes() if content is not None else None
+                package = self.package([(name, f"{self.win}\\{name}.xml", xpath, action, attribute, value, "", 1, 0)],
+                                       name=f"{self.name[:30]}{name}")
+                code, log = self.run_msiexec(package, "/i", f"{name}.log")
+                self.assertEqual(code, 1603, log[-3000:])
+                self.assertTrue(any(why in line for line in library_lines(log, "InstallXmlFilesDeferred")),
+                                "\n".join(library_lines(log, "InstallXmlFilesDeferred")))
+                self.assertEqual(path.read_bytes() if path.exists() else None, before)
+                self.assertEqual(sorted(p.name for p in self.root.iterdir() if not p.name.endswith(".xml")), [])
 
 
 if __name__ == "__main__":

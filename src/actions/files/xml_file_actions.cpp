@@ -339,14 +339,28 @@ void EditFile(const XmlFileItem& item, const std::wstring& product) {
     for (const auto& [edit, steps] : records) {
         // An earlier installation's record holds the values from before the
         // product: a repair keeps it.
-        if ((edit->attributes & (Permanent | OnUninstall)) || ReadRecord(product, edit->id)) continue;
+        if (steps.empty() || (edit->attributes & (Permanent | OnUninstall)) || ReadRecord(product, edit->id)) continue;
         WriteRecord(product, edit->id, EncodeXmlUndo(steps));
     }
 }
 
-}  // namespace
+// The installer's log lists every property at its end, the data of the
+// scheduled actions among them: with a secret value in it, their names join
+// MsiHiddenProperties.
+void HideSecretData(const Session& session, const std::vector<XmlFileItem>& items) {
+    bool secret = false;
+    for (const XmlFileItem& item : items) {
+        for (const XmlEdit& edit : item.edits) secret = secret || (edit.attributes & Secret);
+    }
+    if (!secret) return;
+    std::wstring hidden = session.GetProperty(L"MsiHiddenProperties");
+    for (const wchar_t* name : {L"InstallXmlFilesRollback", L"InstallXmlFilesDeferred", L"InstallXmlFilesCommit"}) {
+        hidden += (hidden.empty() ? L"" : L";") + std::wstring(name);
+    }
+    session.SetProperty(L"MsiHiddenProperties", hidden);
+}
 
-void InstallXmlFiles(Session& session) {
+void Plan(Session& session, bool uninstalling) {
     Wow64FsRedirectionGuard redirection;
     const std::optional<std::vector<XmlFileRow>> rows = ReadRows(session);
     if (!rows) return;
@@ -354,9 +368,10 @@ void InstallXmlFiles(Session& session) {
     InstallerXmlFileMachine machine;
     ProgramLogSink log;
     XmlFileActionData data;
-    data.items = PlanXmlFiles(*rows, states, machine, log);
+    data.items = PlanXmlFiles(*rows, states, uninstalling, machine, log);
     if (data.items.empty()) return;
     data.product = session.GetProperty(L"ProductCode");
+    HideSecretData(session, data.items);
     XmlFileActionData rollback = data;
     for (const XmlFileItem& item : data.items) {
         for (const XmlEdit& edit : item.edits) rollback.records.push_back({edit.id, ReadRecord(data.product, edit.id)});
@@ -365,6 +380,12 @@ void InstallXmlFiles(Session& session) {
     session.ScheduleDeferred(L"InstallXmlFilesDeferred", EncodeXmlFileActionData(data));
     session.ScheduleDeferred(L"InstallXmlFilesCommit", EncodeXmlFileActionData(data));
 }
+
+}  // namespace
+
+void InstallXmlFiles(Session& session) { Plan(session, false); }
+
+void UninstallXmlFiles(Session& session) { Plan(session, true); }
 
 void InstallXmlFilesDeferred(Session& session) {
     Wow64FsRedirectionGuard redirection;

@@ -17,6 +17,34 @@ using namespace xml_file;
 
 bool IsBlank(wchar_t c) { return c == L' ' || c == L'\t' || c == L'\r' || c == L'\n'; }
 
+// Line breaks travel escaped: Wine drops a rollback action whose data holds
+// one (measured: the uninstall's rollback never ran).
+std::wstring EscapeBreaks(std::wstring_view text) {
+    std::wstring out;
+    out.reserve(text.size());
+    for (wchar_t c : text) {
+        if (c == L'\\') out += L"\\\\";
+        else if (c == L'\n') out += L"\\n";
+        else if (c == L'\r') out += L"\\r";
+        else out.push_back(c);
+    }
+    return out;
+}
+
+std::wstring UnescapeBreaks(std::wstring_view text) {
+    std::wstring out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != L'\\' || i + 1 == text.size()) {
+            out.push_back(text[i]);
+            continue;
+        }
+        const wchar_t next = text[++i];
+        out.push_back(next == L'n' ? L'\n' : next == L'r' ? L'\r' : next);
+    }
+    return out;
+}
+
 std::wstring EncodeEdits(const std::vector<XmlEdit>& edits) {
     std::vector<PropertyMap> records;
     for (const XmlEdit& edit : edits) {
@@ -25,7 +53,7 @@ std::wstring EncodeEdits(const std::vector<XmlEdit>& edits) {
         record.Set(L"xp", edit.xpath);
         record.Set(L"act", edit.action);
         record.Set(L"name", edit.name);
-        record.Set(L"val", edit.value);
+        record.Set(L"val", EscapeBreaks(edit.value));
         record.Set(L"ns", edit.namespaces);
         record.Set(L"atr", edit.attributes);
         records.push_back(std::move(record));
@@ -36,7 +64,7 @@ std::wstring EncodeEdits(const std::vector<XmlEdit>& edits) {
 std::vector<XmlEdit> DecodeEdits(std::wstring_view text) {
     std::vector<XmlEdit> edits;
     for (const PropertyMap& r : DecodeRecordList(text)) {
-        edits.push_back({r.Get(L"id"), r.Get(L"xp"), r.GetInteger(L"act"), r.Get(L"name"), r.Get(L"val"),
+        edits.push_back({r.Get(L"id"), r.Get(L"xp"), r.GetInteger(L"act"), r.Get(L"name"), UnescapeBreaks(r.View(L"val")),
                          r.Get(L"ns"), r.GetInteger(L"atr")});
     }
     return edits;
@@ -127,7 +155,7 @@ Decision DecideXmlFile(ComponentStates& states, const XmlFileRow& row, LogSink& 
 }
 
 std::vector<XmlFileItem> PlanXmlFiles(const std::vector<XmlFileRow>& rows, ComponentStates& states,
-                                      XmlFileMachine& machine, LogSink& log) {
+                                      bool uninstalling, XmlFileMachine& machine, LogSink& log) {
     struct Chosen {
         const XmlFileRow* row;
         bool undo;
@@ -143,6 +171,8 @@ std::vector<XmlFileItem> PlanXmlFiles(const std::vector<XmlFileRow>& rows, Compo
             throw Exception(kInvalidArgument, L"The XmlFile row '" + row.id + L"' has namespaces '" + row.namespaces +
                                                   L"' that are not prefix=uri pairs.");
         }
+        const std::optional<ComponentState> state = states.State(row.component);
+        if ((state && ClassifyComponent(*state) == ComponentTask::Uninstall) != uninstalling) continue;
         const Decision d = DecideXmlFile(states, row, log);
         if (!d.Chosen()) continue;
         const bool undo = d.task == ComponentTask::Uninstall && !(row.attributes & OnUninstall);
@@ -250,6 +280,7 @@ XmlEncoding DetectXmlEncoding(const std::vector<unsigned char>& bytes) {
     }
     const std::wstring text = DecodeXmlText(bytes, encoding);
     encoding.crlf = text.find(L"\r\n") != std::wstring::npos;
+    encoding.lastLine = !text.empty() && text.back() == L'\n';
     return encoding;
 }
 
@@ -314,6 +345,8 @@ std::vector<unsigned char> EncodeXmlText(std::wstring_view serialised, const Xml
     } else if (!declaration.empty()) {
         text.insert(0, std::wstring(declaration) + L"\n");
     }
+    while (!text.empty() && text.back() == L'\n') text.pop_back();
+    if (encoding.lastLine) text.push_back(L'\n');
     if (encoding.crlf) {
         std::wstring withCr;
         withCr.reserve(text.size() + text.size() / 16);
@@ -351,8 +384,8 @@ std::wstring EncodeXmlUndo(const std::vector<XmlUndoStep>& steps) {
         r.Set(L"k", kinds[step.kind]);
         r.Set(L"node", step.node);
         if (!step.name.empty()) r.Set(L"name", step.name);
-        if (step.value) r.Set(L"val", *step.value);
-        if (!step.xml.empty()) r.Set(L"xml", step.xml);
+        if (step.value) r.Set(L"val", EscapeBreaks(*step.value));
+        if (!step.xml.empty()) r.Set(L"xml", EscapeBreaks(step.xml));
         if (step.index != 0) r.Set(L"i", step.index);
         records.push_back(std::move(r));
     }
@@ -370,8 +403,8 @@ std::vector<XmlUndoStep> DecodeXmlUndo(std::wstring_view text) {
         }
         step.node = r.Get(L"node");
         step.name = r.Get(L"name");
-        if (r.Contains(L"val")) step.value = r.Get(L"val");
-        step.xml = r.Get(L"xml");
+        if (r.Contains(L"val")) step.value = UnescapeBreaks(r.View(L"val"));
+        step.xml = UnescapeBreaks(r.View(L"xml"));
         step.index = r.GetInteger(L"i");
         steps.push_back(std::move(step));
     }

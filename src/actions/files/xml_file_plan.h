@@ -84,12 +84,14 @@ public:
 // uninstall only.
 Decision DecideXmlFile(ComponentStates& states, const XmlFileRow& row, LogSink& log);
 
-// The chosen rows grouped per file (first appearance, letter case ignored),
-// each file's edits by Sequence, then by key; undo items list their rows in
-// the reverse order. A row with an unknown action or malformed namespaces
-// throws E_INVALIDARG with its id.
+// The chosen rows of one immediate action (`InstallXmlFiles`: components
+// installed or reinstalled; `UninstallXmlFiles`, `uninstalling`: components
+// uninstalled; the other action's rows pass without a line), grouped per file
+// (first appearance, letter case ignored), each file's edits by Sequence, then
+// by key; undo items list their rows in the reverse order. A row with an
+// unknown action or malformed namespaces throws E_INVALIDARG with its id.
 std::vector<XmlFileItem> PlanXmlFiles(const std::vector<XmlFileRow>& rows, ComponentStates& states,
-                                      XmlFileMachine& machine, LogSink& log);
+                                      bool uninstalling, XmlFileMachine& machine, LogSink& log);
 
 // The XPath column is formatted, and the installer reads every "[...]" as a
 // reference. Predicates that cannot be one (they begin with '@', a digit, a
@@ -115,7 +117,8 @@ std::wstring LoggedValue(const XmlEdit& edit, std::wstring_view value);
 struct XmlEncoding {
     enum Kind { Utf8, Utf8Bom, Utf16Le, Utf16Be };
     Kind kind = Utf8;
-    bool crlf = false;  // the file's line ends: CR LF (else LF)
+    bool crlf = false;     // the file's line ends: CR LF (else LF)
+    bool lastLine = true;  // the text ends with a line end
     bool operator==(const XmlEncoding&) const = default;
 };
 
