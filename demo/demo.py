@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """The demo: a package that uses every table built so far (TextFile,
-EventManifest, RegistryEx, MoveFileEx, RemoveFileEx, CabPackage), installed with Wine's msiexec in a fresh prefix under
+EventManifest, RegistryEx, MoveFileEx, RemoveFileEx, CabPackage, XmlFile), installed with Wine's msiexec in a fresh prefix under
 build/demo, then uninstalled; prints what the library did and the log lines
 that explain each decision."""
 import os
@@ -54,6 +54,17 @@ CAB_ROWS = [
 ]
 HELP_CAB = cabinet_bytes([("index.html", b"<h1>Setup Utils demo</h1>\n"), ("pages\\install.html", b"<p>Install</p>\n"),
                           ("pages\\images\\logo.txt", b"(a logo)\n")])
+# Edits a service's configuration (a namespace, UTF-8 with CR LF): the port
+# set, an element added; the failing install leaves it byte for byte, the
+# uninstall puts the old port back and takes the element away.
+XML_ROWS = [
+    ("DemoPort", "[INSTALLDIR]service.config", "/s:service/s:endpoint", "0", "port", "8080",
+     "s=urn:setup-utils-demo", "1", "0", "Main", ""),
+    ("DemoLog", "[INSTALLDIR]service.config", "/s:service", "2", "s:log", "[ProductName]",
+     "s=urn:setup-utils-demo", "2", "0", "Main", ""),
+]
+SERVICE_CONFIG = ('<?xml version="1.0" encoding="utf-8"?>\r\n<s:service xmlns:s="urn:setup-utils-demo">\r\n'
+                  '  <s:endpoint port="80" host="localhost"/>\r\n</s:service>\r\n').encode()
 TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
 MANIFEST_ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "InstallEventManifestRollback",
                     "UninstallEventManifest", "UninstallEventManifestDeferred", "UninstallEventManifestRollback")
@@ -81,6 +92,7 @@ def demo_package(name, fail=False):
     package.add_table("MoveFileEx", MOVE_ROWS)
     package.add_table("RemoveFileEx", REMOVE_ROWS)
     package.add_table("CabPackage", CAB_ROWS)
+    package.add_table("XmlFile", XML_ROWS)
     if fail:
         package.fail_at(6550)
     return package
@@ -119,6 +131,9 @@ def main():
     (install_dir / "help").mkdir(exist_ok=True)
     (install_dir / "help" / "index.html").write_bytes(b"<h1>stale help</h1>\n")
     (install_dir / "help" / "notes.txt").write_bytes(b"the user's own notes\n")
+    service = install_dir / "service.config"
+    service.write_bytes(SERVICE_CONFIG)
+    show("service.config before anything", show_file(service))
     show("cache folder before anything", sorted(str(p.relative_to(install_dir)) for p in cache.rglob("*")))
 
     show("settings.ini before anything", show_file(settings))
@@ -148,6 +163,10 @@ def main():
          library_lines(log, "RemoveFilesExFinalize") + library_lines(log, "RemoveFilesExRollback"))
     show("InstallCabsDeferred and InstallCabsRollback logged (extracted beside help\\, moved in, taken back)",
          library_lines(log, "InstallCabsDeferred") + library_lines(log, "InstallCabsRollback"))
+    show("InstallXmlFilesDeferred and InstallXmlFilesRollback logged",
+         library_lines(log, "InstallXmlFilesDeferred") + library_lines(log, "InstallXmlFilesRollback"))
+    show("service.config after the rollback (byte for byte: " +
+         ("identical" if service.read_bytes() == SERVICE_CONFIG else "DIFFERENT") + ")", show_file(service))
     show(f"{native} after the rollback (the value that was there, with its type)", registry_lines(prefix, native))
     show("The install folder, the registry key and the restart-time rename list after the rollback, against before",
          diff or ["identical: bytes, times, attributes, registry values, and the rename list"])
@@ -185,6 +204,9 @@ def main():
     show("InstallCabs, InstallCabsDeferred and InstallCabsCommit logged (the cabinet deleted on commit)",
          library_lines(log, "InstallCabs") + library_lines(log, "InstallCabsDeferred") +
          library_lines(log, "InstallCabsCommit"))
+    show("InstallXmlFiles and InstallXmlFilesDeferred logged",
+         library_lines(log, "InstallXmlFiles") + library_lines(log, "InstallXmlFilesDeferred"))
+    show("service.config after install (its encoding and CR LF kept)", show_file(service))
     show("help folder after install", sorted(str(p.relative_to(install_dir)) for p in (install_dir / "help").rglob("*")))
     show("Files in the install folder (no backups left)", sorted(p.name for p in install_dir.iterdir()))
 
@@ -198,6 +220,10 @@ def main():
     show(f"{native} after uninstall", registry_lines(prefix, native))
     show("UninstallCabs and InstallCabsDeferred on uninstall (exactly the extracted files go)",
          library_lines(log, "UninstallCabs") + library_lines(log, "InstallCabsDeferred"))
+    show("UninstallXmlFiles and InstallXmlFilesDeferred on uninstall (the recorded old values put back)",
+         library_lines(log, "UninstallXmlFiles") + library_lines(log, "InstallXmlFilesDeferred"))
+    show("service.config after uninstall (byte for byte: " +
+         ("as before the install" if service.read_bytes() == SERVICE_CONFIG else "DIFFERENT") + ")", show_file(service))
     show("help folder after uninstall (exactly the cabinet's files went: the user's notes stay)",
          sorted(str(p.relative_to(install_dir)) for p in (install_dir / "help").rglob("*")))
     return 0

@@ -17,34 +17,6 @@ using namespace xml_file;
 
 bool IsBlank(wchar_t c) { return c == L' ' || c == L'\t' || c == L'\r' || c == L'\n'; }
 
-// Line breaks travel escaped: Wine drops a rollback action whose data holds
-// one (measured: the uninstall's rollback never ran).
-std::wstring EscapeBreaks(std::wstring_view text) {
-    std::wstring out;
-    out.reserve(text.size());
-    for (wchar_t c : text) {
-        if (c == L'\\') out += L"\\\\";
-        else if (c == L'\n') out += L"\\n";
-        else if (c == L'\r') out += L"\\r";
-        else out.push_back(c);
-    }
-    return out;
-}
-
-std::wstring UnescapeBreaks(std::wstring_view text) {
-    std::wstring out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != L'\\' || i + 1 == text.size()) {
-            out.push_back(text[i]);
-            continue;
-        }
-        const wchar_t next = text[++i];
-        out.push_back(next == L'n' ? L'\n' : next == L'r' ? L'\r' : next);
-    }
-    return out;
-}
-
 std::wstring EncodeEdits(const std::vector<XmlEdit>& edits) {
     std::vector<PropertyMap> records;
     for (const XmlEdit& edit : edits) {
@@ -53,7 +25,7 @@ std::wstring EncodeEdits(const std::vector<XmlEdit>& edits) {
         record.Set(L"xp", edit.xpath);
         record.Set(L"act", edit.action);
         record.Set(L"name", edit.name);
-        record.Set(L"val", EscapeBreaks(edit.value));
+        record.Set(L"val", edit.value);
         record.Set(L"ns", edit.namespaces);
         record.Set(L"atr", edit.attributes);
         records.push_back(std::move(record));
@@ -64,7 +36,7 @@ std::wstring EncodeEdits(const std::vector<XmlEdit>& edits) {
 std::vector<XmlEdit> DecodeEdits(std::wstring_view text) {
     std::vector<XmlEdit> edits;
     for (const PropertyMap& r : DecodeRecordList(text)) {
-        edits.push_back({r.Get(L"id"), r.Get(L"xp"), r.GetInteger(L"act"), r.Get(L"name"), UnescapeBreaks(r.View(L"val")),
+        edits.push_back({r.Get(L"id"), r.Get(L"xp"), r.GetInteger(L"act"), r.Get(L"name"), r.Get(L"val"),
                          r.Get(L"ns"), r.GetInteger(L"atr")});
     }
     return edits;
@@ -213,15 +185,18 @@ std::wstring EscapeXPathPredicates(std::wstring_view xpath) {
         const wchar_t c = xpath[i];
         const bool inPredicate = !open.empty() && open.back();
         if (quote != 0) {
-            if (c == quote) quote = 0;
-            if (c == L'[') {
-                open.push_back(false);  // a reference inside a literal: "[@key='[KEY]']"
-                out.push_back(c);
-                continue;
+            // Inside a predicate's literal only references count: "[@key='[KEY]']".
+            if (c == quote) {
+                quote = 0;
+            } else if (c == L'[') {
+                open.push_back(false);
+            } else if (c == L']' && !open.empty() && !open.back()) {
+                open.pop_back();
             }
-        } else if (inPredicate && (c == L'\'' || c == L'"')) {
-            quote = c;
+            out.push_back(c);
+            continue;
         }
+        if (inPredicate && (c == L'\'' || c == L'"')) quote = c;
         if (c == L'[') {
             const bool predicate = quote == 0 && i + 1 < xpath.size() && opensPredicate(xpath[i + 1]);
             open.push_back(predicate);
@@ -384,8 +359,8 @@ std::wstring EncodeXmlUndo(const std::vector<XmlUndoStep>& steps) {
         r.Set(L"k", kinds[step.kind]);
         r.Set(L"node", step.node);
         if (!step.name.empty()) r.Set(L"name", step.name);
-        if (step.value) r.Set(L"val", EscapeBreaks(*step.value));
-        if (!step.xml.empty()) r.Set(L"xml", EscapeBreaks(step.xml));
+        if (step.value) r.Set(L"val", *step.value);
+        if (!step.xml.empty()) r.Set(L"xml", step.xml);
         if (step.index != 0) r.Set(L"i", step.index);
         records.push_back(std::move(r));
     }
@@ -403,8 +378,8 @@ std::vector<XmlUndoStep> DecodeXmlUndo(std::wstring_view text) {
         }
         step.node = r.Get(L"node");
         step.name = r.Get(L"name");
-        if (r.Contains(L"val")) step.value = UnescapeBreaks(r.View(L"val"));
-        step.xml = UnescapeBreaks(r.View(L"xml"));
+        if (r.Contains(L"val")) step.value = r.Get(L"val");
+        step.xml = r.Get(L"xml");
         step.index = r.GetInteger(L"i");
         steps.push_back(std::move(step));
     }
