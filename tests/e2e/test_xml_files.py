@@ -88,6 +88,12 @@ class XmlFiles(unittest.TestCase):
         self.assertIn("<child>v</child>", (self.root / "new" / "fresh.xml").read_text())
         self.assertEqual(sorted(p.name for p in self.root.iterdir()), ["new", "ns.xml", "web.config"])  # no backups
 
+        # A repair makes the edits again and keeps the records of the values from before.
+        code, log = self.prefix.msiexec("/i", self.prefix.windows_path(package.msi), "REINSTALL=ALL",
+                                        "REINSTALLMODE=omus", log=self.work / "repair.log")
+        self.assertEqual(code, 0, log[-4000:])
+        self.assertIn("Need to edit xml file '" + self.win + "\\web.config' for 'Port'. Component to do 3.",
+                      library_lines(log, "InstallXmlFiles"))
         code, log = self.run_msiexec(package, "/x", "uninstall.log")
         self.assertEqual(code, 0, log[-4000:])
         # Everything but the permanent edit is back, byte for byte.

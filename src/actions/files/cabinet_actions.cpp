@@ -66,10 +66,10 @@ std::optional<std::vector<CabinetRow>> ReadRows(const Session& session) {
 int RecordRoot(const CabinetItem& item) { return (item.attributes & PerUser) ? kHkcu : kHklm; }
 
 std::optional<CabinetRecord> ReadRecord(const CabinetItem& item) {
-    const std::optional<RegistryValue> value =
-        ReadValue(RecordRoot(item), CabinetRecordKey(item.product), item.id, kViewDefault);
-    if (!value || value->type != kRegSz) return std::nullopt;
-    return DecodeCabinetRecord(RenderValue(*value));
+    const std::optional<std::wstring> text =
+        ReadTextValue(RecordRoot(item), CabinetRecordKey(item.product), item.id, kViewDefault);
+    if (!text) return std::nullopt;
+    return DecodeCabinetRecord(*text);
 }
 
 // Writes the record's text, or deletes it (and the keys it leaves empty) when `text` is empty.
@@ -80,19 +80,10 @@ void WriteRecord(const CabinetItem& item, const std::wstring& text) {
         RemoveEmptyKeys(RecordRoot(item), key, kViewDefault, 1);
         return;
     }
-    // Written here rather than through WriteValue, which would log the whole
-    // list: the log says how much is recorded.
     const CabinetRecord record = DecodeCabinetRecord(text);
     LogInfo(L"Record the %u files and %u folders of cabinet '%s' under '%s'.", record.files.size(),
             record.folders.size(), item.id, key);
-    RegistryKey handle;
-    ThrowIfWin32Error(::RegCreateKeyExW(RootHandle(RecordRoot(item)), key.c_str(), 0, nullptr, 0, KEY_SET_VALUE,
-                                        nullptr, handle.Put(), nullptr),
-                      L"Failed to create registry key '" + key + L"'.");
-    ThrowIfWin32Error(::RegSetValueExW(handle.Get(), item.id.c_str(), 0, REG_SZ,
-                                       reinterpret_cast<const BYTE*>(text.c_str()),
-                                       static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t))),
-                      L"Failed to write registry value: Key '" + key + L"', Name '" + item.id + L"'.");
+    WriteTextValue(RecordRoot(item), key, item.id, text, kViewDefault);
 }
 
 // What the records of other products hold in the same hive: after a major

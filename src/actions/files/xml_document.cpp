@@ -150,11 +150,11 @@ void LoadText(IXMLDOMDocument2* document, const std::wstring& text) {
         error->get_reason(reason.Put());
         error->get_line(&line);
         error->get_linepos(&column);
-        std::wstring text2 = reason.Text();
-        while (!text2.empty() && (text2.back() == L'\n' || text2.back() == L'\r' || text2.back() == L' ')) {
-            text2.pop_back();
+        std::wstring said = reason.Text();
+        while (!said.empty() && (said.back() == L'\n' || said.back() == L'\r' || said.back() == L' ')) {
+            said.pop_back();
         }
-        if (!text2.empty()) why += L": " + text2;
+        if (!said.empty()) why += L": " + said;
         why += L" (line " + std::to_wstring(line) + L", column " + std::to_wstring(column) + L")";
     }
     throw Exception(kInvalidArgument, why);
@@ -318,12 +318,6 @@ std::wstring XmlDocument::NameOf(const NodePtr& node) {
     Bstr name;
     node->node->get_nodeName(name.Put());
     return name.Text();
-}
-
-bool XmlDocument::IsElement(const NodePtr& node) {
-    DOMNodeType type = NODE_INVALID;
-    node->node->get_nodeType(&type);
-    return type == NODE_ELEMENT;
 }
 
 namespace {

@@ -2,8 +2,8 @@
 // An XML document in the platform's DOM (MSXML 6.0, else 3.0, through COM):
 // loaded from text with DTDs and external resources off and white space kept,
 // selected with XPath and namespaces, edited, and serialised back to text.
-// Nodes are also named by position ("/node()[2]/node()[4]"), which needs no
-// namespace and finds the same node again in a later session.
+// Nodes are also named by position ("/*[1]/*[2]", "/*[1]/text()[3]"), which
+// needs no namespace and finds the same node again in a later session.
 
 #include <memory>
 #include <optional>
@@ -34,7 +34,6 @@ public:
 
     static std::wstring PositionOf(const NodePtr& node);
     static std::wstring NameOf(const NodePtr& node);
-    static bool IsElement(const NodePtr& node);
     static std::optional<std::wstring> Attribute(const NodePtr& element, const std::wstring& name);
     static void SetAttribute(const NodePtr& element, const std::wstring& name, const std::wstring& value);
     static void RemoveAttribute(const NodePtr& element, const std::wstring& name);

@@ -78,9 +78,7 @@ public:
 // --- Records of what the edits replaced ---
 
 std::optional<std::wstring> ReadRecord(const std::wstring& product, const std::wstring& id) {
-    const std::optional<RegistryValue> value = ReadValue(kHklm, XmlRecordKey(product), id, kViewDefault);
-    if (!value || value->type != kRegSz) return std::nullopt;
-    return RenderValue(*value);
+    return ReadTextValue(kHklm, XmlRecordKey(product), id, kViewDefault);
 }
 
 // Writes the record, or deletes it (and the keys left empty) when there is no text.
@@ -91,15 +89,8 @@ void WriteRecord(const std::wstring& product, const std::wstring& id, const std:
         RemoveEmptyKeys(kHklm, key, kViewDefault, 1);
         return;
     }
-    // Written here rather than through WriteValue, whose line would show old values.
     LogInfo(L"Record what xml edit '%s' replaced under '%s'.", id, key);
-    RegistryKey handle;
-    ThrowIfWin32Error(::RegCreateKeyExW(RootHandle(kHklm), key.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr,
-                                        handle.Put(), nullptr),
-                      L"Failed to create registry key '" + key + L"'.");
-    ThrowIfWin32Error(::RegSetValueExW(handle.Get(), id.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(text->c_str()),
-                                       static_cast<DWORD>((text->size() + 1) * sizeof(wchar_t))),
-                      L"Failed to write registry value: Key '" + key + L"', Name '" + id + L"'.");
+    WriteTextValue(kHklm, key, id, *text, kViewDefault);
 }
 
 // --- File bytes ---
@@ -260,7 +251,7 @@ std::wstring NewDocumentText(const XmlFileItem& item) {
         }
         std::wstring declarations = Selection(edit);
         if (!declarations.empty()) declarations.insert(0, L" ");
-        return L"<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n<" + root + declarations + L"/>\r\n";
+        return L"<?xml version=\"1.0\" encoding=\"utf-8\"?>\n<" + root + declarations + L"/>\n";
     }
     return {};
 }
@@ -285,9 +276,7 @@ void EditFile(const XmlFileItem& item, const std::wstring& product) {
                                         FILE_ATTRIBUTE_NORMAL, nullptr));
         ThrowLastErrorIf(!marker, L"Failed to write file '" + CreatedMarker(item) + L"'.");
         LogInfo(L"Create xml file '%s'.", item.path);
-        std::vector<unsigned char> bytes;
-        for (wchar_t c : text) bytes.push_back(static_cast<unsigned char>(c));
-        WriteBytes(item.path, bytes);
+        WriteBytes(item.path, EncodeXmlText(text, XmlEncoding{XmlEncoding::Utf8, true, true}, L""));
     } else {
         LogInfo(L"Backing up file '%s' -> '%s'.", item.path, item.backup);
         CopyToNewFile(item.path, item.backup);
@@ -315,6 +304,11 @@ void EditFile(const XmlFileItem& item, const std::wstring& product) {
                     continue;
                 }
                 TakeBack(document, edit, DecodeXmlUndo(*record), item.path);
+            } else if ((edit.action == CreateElement || edit.action == AppendFragment) &&
+                       ReadRecord(product, edit.id)) {
+                // A repair: the element is there from the installation, which
+                // recorded it; adding it again would double it.
+                LogInfo(L"Skip xml edit '%s': the installation made it before (its record is kept).", edit.id);
             } else {
                 records.emplace_back(&edit, Apply(document, edit, item.path));
             }

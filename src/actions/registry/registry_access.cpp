@@ -55,6 +55,25 @@ void WriteValue(int root, std::wstring_view key, const RegistryValue& value, std
     LogInfo(L"Write registry value: Key '%s', Name '%s', Value '%s'.", path, value.name, RenderValue(value));
 }
 
+void WriteTextValue(int root, std::wstring_view key, std::wstring_view name, std::wstring_view text,
+                    std::uint32_t view) {
+    const std::wstring path(key), value(name), data(text);
+    RegistryKey handle;
+    ThrowIfWin32Error(::RegCreateKeyExW(RootHandle(root), path.c_str(), 0, nullptr, 0, KEY_SET_VALUE | view, nullptr,
+                                        handle.Put(), nullptr),
+                      L"Failed to create registry key '" + path + L"'.");
+    ThrowIfWin32Error(::RegSetValueExW(handle.Get(), value.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(data.c_str()),
+                                       static_cast<DWORD>((data.size() + 1) * sizeof(wchar_t))),
+                      L"Failed to write registry value: " + Quoted(path, value));
+}
+
+std::optional<std::wstring> ReadTextValue(int root, std::wstring_view key, std::wstring_view name,
+                                          std::uint32_t view) {
+    const std::optional<RegistryValue> value = ReadValue(root, key, name, view);
+    if (!value || value->type != kRegSz) return std::nullopt;
+    return RenderValue(*value);
+}
+
 std::optional<RegistryValue> ReadValue(int root, std::wstring_view key, std::wstring_view name,
                                        std::uint32_t view) {
     const std::wstring path(key);

@@ -23,6 +23,15 @@ bool IsWow64();
 // Name '<name>'."; logs "Write registry value: Key '%s', Name '%s', Value '%s'.".
 void WriteValue(int root, std::wstring_view key, const RegistryValue& value, std::uint32_t view);
 
+// Writes a REG_SZ value, creating the key as needed, without logging its
+// data (records that are long or hold old values: the caller logs what it
+// records). Throws as WriteValue.
+void WriteTextValue(int root, std::wstring_view key, std::wstring_view name, std::wstring_view text,
+                    std::uint32_t view);
+// The text of a REG_SZ value; nothing when it is missing or of another type.
+std::optional<std::wstring> ReadTextValue(int root, std::wstring_view key, std::wstring_view name,
+                                          std::uint32_t view);
+
 // The value, or nothing when the key or the value does not exist. Throws
 // "Failed to read registry value: Key '<key>', Name '<name>'." otherwise.
 std::optional<RegistryValue> ReadValue(int root, std::wstring_view key, std::wstring_view name,
