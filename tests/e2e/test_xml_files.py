@@ -85,7 +85,9 @@ class XmlFiles(unittest.TestCase):
         self.assertIn('<c:item name="a">2</c:item>', text)
         # In the parent's namespace (Wine repeats the declaration; never xmlns="").
         self.assertRegex(text, r'<plain>p<child( xmlns="urn:default")?>in the default namespace</child></plain>')
-        self.assertIn("<child>v</child>", (self.root / "new" / "fresh.xml").read_text())
+        fresh = (self.root / "new" / "fresh.xml").read_bytes()
+        self.assertTrue(fresh.startswith(b'<?xml version="1.0" encoding="utf-8"?>\r\n<root>'), fresh)
+        self.assertIn(b"<child>v</child>", fresh)
         self.assertEqual(sorted(p.name for p in self.root.iterdir()), ["new", "ns.xml", "web.config"])  # no backups
 
         # A repair makes the edits again and keeps the records of the values from before.
@@ -99,6 +101,7 @@ class XmlFiles(unittest.TestCase):
         # Everything but the permanent edit is back, byte for byte.
         self.assertEqual(ns.read_bytes(), before[ns])
         self.assertEqual(web.read_bytes(), before[web].replace(b'value="80"/>', b'value="80" kept="yes"/>'))
+        self.assertFalse((self.root / "new" / "fresh.xml").exists())  # made for the edit, gone with it
         self.assertIn("Skip xml edit 'Keep', '" + self.win + "\\web.config'. It is permanent (0x1): uninstall "
                       "leaves it.", library_lines(log, "UninstallXmlFiles"))
 

@@ -269,6 +269,32 @@ std::wstring XmlDocument::Xml() const {
     return xml.Text();
 }
 
+bool XmlDocument::RootIsEmpty() const {
+    ComPtr<IXMLDOMElement> root;
+    if (state_->document->get_documentElement(root.Put()) != S_OK || !root) return false;
+    // White space alone counts as nothing (the serialiser indents children).
+    ComPtr<IXMLDOMNode> child;
+    for (root->get_firstChild(child.Put()); child;) {
+        if (!IsBlankText(child.Get())) return false;
+        ComPtr<IXMLDOMNode> next;
+        if (child->get_nextSibling(next.Put()) != S_OK) break;
+        child = next;
+    }
+    ComPtr<IXMLDOMNamedNodeMap> attributes;
+    long count = 0;
+    if (FAILED(root->get_attributes(attributes.Put())) || !attributes) return true;
+    attributes->get_length(&count);
+    for (long i = 0; i < count; ++i) {
+        ComPtr<IXMLDOMNode> attribute;
+        Bstr name;
+        if (FAILED(attributes->get_item(i, attribute.Put())) || !attribute) continue;
+        attribute->get_nodeName(name.Put());
+        const std::wstring text = name.Text();
+        if (text != L"xmlns" && text.rfind(L"xmlns:", 0) != 0) return false;
+    }
+    return true;
+}
+
 std::vector<XmlDocument::NodePtr> XmlDocument::Select(const std::wstring& xpath, const std::wstring& namespaces) {
     Variant selection(namespaces);
     Check(state_->document->setProperty(Bstr(L"SelectionNamespaces").Get(), selection.Get()),

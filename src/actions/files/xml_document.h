@@ -25,6 +25,9 @@ public:
     // Throws E_INVALIDARG "<reason> (line <n>, column <m>)" for text that is not well formed.
     void Load(const std::wstring& text);
     std::wstring Xml() const;
+    // True when the root element holds nothing: no child, no attribute but
+    // namespace declarations.
+    bool RootIsEmpty() const;
 
     // The nodes `xpath` selects with these SelectionNamespaces; throws
     // E_INVALIDARG for an XPath that does not parse.

@@ -276,7 +276,7 @@ void EditFile(const XmlFileItem& item, const std::wstring& product) {
                                         FILE_ATTRIBUTE_NORMAL, nullptr));
         ThrowLastErrorIf(!marker, L"Failed to write file '" + CreatedMarker(item) + L"'.");
         LogInfo(L"Create xml file '%s'.", item.path);
-        WriteBytes(item.path, EncodeXmlText(text, XmlEncoding{XmlEncoding::Utf8, true, true}, L""));
+        WriteBytes(item.path, EncodeXmlText(text, XmlEncoding{XmlEncoding::Utf8, true, true}, XmlDeclarationOf(text)));
     } else {
         LogInfo(L"Backing up file '%s' -> '%s'.", item.path, item.backup);
         CopyToNewFile(item.path, item.backup);
@@ -315,6 +315,15 @@ void EditFile(const XmlFileItem& item, const std::wstring& product) {
         } catch (const Exception& e) {
             Throw(e.Code(), L"Failed xml edit '" + edit.id + L"' of '" + item.path + L"': " + e.Message());
         }
+    }
+    bool created = false;
+    for (const XmlEdit& edit : item.edits) created = created || (edit.attributes & CreateFile);
+    if (item.undo && created && document.RootIsEmpty()) {
+        // The file was made for the edits, and nothing else is in it.
+        LogInfo(L"Delete file '%s': the edits it was created for are taken back.", item.path);
+        RemoveFileWithFallback(item.path, false);
+        for (const XmlEdit& edit : item.edits) WriteRecord(product, edit.id, std::nullopt);
+        return;
     }
     const std::vector<unsigned char> bytes = EncodeXmlText(document.Xml(), encoding, XmlDeclarationOf(text));
     if (bytes == original) {
