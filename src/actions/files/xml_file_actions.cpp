@@ -1,5 +1,6 @@
 #include "actions/files/xml_file_actions.h"
 
+#include <algorithm>
 #include <optional>
 #include <string>
 #include <utility>
@@ -256,18 +257,27 @@ std::wstring NewDocumentText(const XmlFileItem& item) {
     return {};
 }
 
+bool AnyEdit(const XmlFileItem& item, int bit) {
+    for (const XmlEdit& edit : item.edits) {
+        if (edit.attributes & bit) return true;
+    }
+    return false;
+}
+
+void ForgetRecords(const XmlFileItem& item, const std::wstring& product) {
+    for (const XmlEdit& edit : item.edits) WriteRecord(product, edit.id, std::nullopt);
+}
+
 void EditFile(const XmlFileItem& item, const std::wstring& product) {
     CheckWritablePath(item.path);
     if (!FileExists(item.path)) {
         const std::wstring text = item.undo ? std::wstring() : NewDocumentText(item);
         if (text.empty()) {
-            bool skip = item.undo;
-            for (const XmlEdit& edit : item.edits) skip = skip || (edit.attributes & SkipMissing);
-            if (!skip) Throw(HResultFromWin32(ERROR_FILE_NOT_FOUND), L"The xml file '" + item.path + L"' does not exist.");
-            LogInfo(L"Skip the xml file '%s': it does not exist.", item.path);
-            if (item.undo) {
-                for (const XmlEdit& edit : item.edits) WriteRecord(product, edit.id, std::nullopt);
+            if (!item.undo && !AnyEdit(item, SkipMissing)) {
+                Throw(HResultFromWin32(ERROR_FILE_NOT_FOUND), L"The xml file '" + item.path + L"' does not exist.");
             }
+            LogInfo(L"Skip the xml file '%s': it does not exist.", item.path);
+            if (item.undo) ForgetRecords(item, product);
             return;
         }
         // The marker tells rollback that this file is new.
@@ -316,13 +326,11 @@ void EditFile(const XmlFileItem& item, const std::wstring& product) {
             Throw(e.Code(), L"Failed xml edit '" + edit.id + L"' of '" + item.path + L"': " + e.Message());
         }
     }
-    bool created = false;
-    for (const XmlEdit& edit : item.edits) created = created || (edit.attributes & CreateFile);
-    if (item.undo && created && document.RootIsEmpty()) {
+    if (item.undo && AnyEdit(item, CreateFile) && document.RootIsEmpty()) {
         // The file was made for the edits, and nothing else is in it.
         LogInfo(L"Delete file '%s': the edits it was created for are taken back.", item.path);
         RemoveFileWithFallback(item.path, false);
-        for (const XmlEdit& edit : item.edits) WriteRecord(product, edit.id, std::nullopt);
+        ForgetRecords(item, product);
         return;
     }
     const std::vector<unsigned char> bytes = EncodeXmlText(document.Xml(), encoding, XmlDeclarationOf(text));
@@ -332,13 +340,8 @@ void EditFile(const XmlFileItem& item, const std::wstring& product) {
         LogInfo(L"Write to file '%s'.", item.path);
         WriteBytes(item.path, bytes);
     }
-    bool keepTime = false;
-    for (const XmlEdit& edit : item.edits) keepTime = keepTime || (edit.attributes & KeepTime);
-    if (keepTime && FileExists(item.backup)) CopyFileTime(item.backup, item.path);
-
-    for (const XmlEdit& edit : item.edits) {
-        if (item.undo) WriteRecord(product, edit.id, std::nullopt);
-    }
+    if (AnyEdit(item, KeepTime) && FileExists(item.backup)) CopyFileTime(item.backup, item.path);
+    if (item.undo) ForgetRecords(item, product);
     for (const auto& [edit, steps] : records) {
         // An earlier installation's record holds the values from before the
         // product: a repair keeps it.
@@ -351,11 +354,9 @@ void EditFile(const XmlFileItem& item, const std::wstring& product) {
 // scheduled actions among them: with a secret value in it, their names join
 // MsiHiddenProperties.
 void HideSecretData(const Session& session, const std::vector<XmlFileItem>& items) {
-    bool secret = false;
-    for (const XmlFileItem& item : items) {
-        for (const XmlEdit& edit : item.edits) secret = secret || (edit.attributes & Secret);
+    if (std::none_of(items.begin(), items.end(), [](const XmlFileItem& item) { return AnyEdit(item, Secret); })) {
+        return;
     }
-    if (!secret) return;
     std::wstring hidden = session.GetProperty(L"MsiHiddenProperties");
     for (const wchar_t* name : {L"InstallXmlFilesRollback", L"InstallXmlFilesDeferred", L"InstallXmlFilesCommit"}) {
         hidden += (hidden.empty() ? L"" : L";") + std::wstring(name);
