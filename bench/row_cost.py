@@ -19,7 +19,7 @@ rounds, and the ratio TextFile/IniFile of the medians. The installer calls
 the library made per row are counted from a run with the verbose-level
 statistics line ("Installer calls: N.").
 
-  bench/row_cost.py [--family text|registry|move] [--rows 1000,10000] [--rounds 3]
+  bench/row_cost.py [--family text|registry|move|remove] [--rows 1000,10000] [--rounds 3]
 """
 
 import argparse
@@ -45,6 +45,8 @@ REGISTRY_HEADER = ["Registry\tRoot\tKey\tName\tValue\tComponent_", "s72\ti2\tl25
                    "Registry\tRegistry"]
 DUPLICATE_HEADER = ["DuplicateFile\tComponent_\tFile_\tDestName\tDestFolder", "s72\ts72\ts72\tL255\tS72",
                     "DuplicateFile\tDuplicateFile"]
+REMOVE_HEADER = ["FileKey\tComponent_\tFileName\tDirProperty\tInstallMode", "s72\ts72\tL255\ts72\tI2",
+                 "RemoveFile\tFileKey"]
 INI_HEADER = ["IniFile\tFileName\tDirProperty\tSection\tKey\tValue\tAction\tComponent_",
               "s72\tl255\tS72\tl96\tl128\tl255\ti2\ts72", "IniFile\tIniFile"]
 
@@ -75,7 +77,22 @@ def package(family, kind, rows):
         p.tables["DuplicateFile"] = (DUPLICATE_HEADER, [[f"D{i}", "Main", "readme", f"copy{i}.txt", "INSTALLDIR"]
                                                         for i in range(rows)])
         p.sequence += [["DuplicateFiles", "", "4210"], ["RemoveDuplicateFiles", "", "3400"]]
+    elif (family, kind) == ("remove", "ours"):
+        p.add_table("RemoveFileEx", [(f"X{i}", "Main", f"[INSTALLDIR]old{i}.tmp", "0", "1", "") for i in range(rows)])
+    elif (family, kind) == ("remove", "theirs"):
+        p.tables["RemoveFile"] = (REMOVE_HEADER, [[f"F{i}", "Main", f"old{i}.tmp", "INSTALLDIR", "1"]
+                                                  for i in range(rows)])
     return p
+
+
+def plant_files(prefix, family, rows):
+    """The files the removal families remove, made before each install."""
+    if family != "remove":
+        return
+    folder = prefix.root / "drive_c" / "Program Files" / "RowCost"
+    folder.mkdir(parents=True, exist_ok=True)
+    for i in range(rows):
+        (folder / f"old{i}.tmp").write_bytes(b"old")
 
 
 def action_span(log_text, action):
@@ -89,9 +106,11 @@ FAMILIES = {  # labels of ours and theirs, and the immediate action whose instal
     "text": ("TextFile", "IniFile", "InstallTextFiles"),
     "registry": ("RegistryEx", "Registry", "InstallRegFiles"),
     "move": ("MoveFileEx", "DuplicateFile", "MoveFilesEx"),
+    "remove": ("RemoveFileEx", "RemoveFile", "RemoveFilesEx"),
 }
-UNITS = {"text": "files", "registry": "keys", "move": "copies of one installed file"}
-FILES_PER_FAMILY = {"text": FILES, "registry": FILES, "move": ""}
+UNITS = {"text": "files", "registry": "keys", "move": "copies of one installed file",
+         "remove": "files removed (deferred, undoably) from one folder"}
+FILES_PER_FAMILY = {"text": FILES, "registry": FILES, "move": "", "remove": ""}
 
 
 def cpu_of(pid):
@@ -167,6 +186,7 @@ def main():
         for round_ in range(args.rounds):
             for kind, msi in msis.items():
                 prefix = fresh_prefix()
+                plant_files(prefix, args.family, rows)
                 log = work / f"{kind}-{rows}-{round_}.log"
                 wall, cpu, text = timed(prefix, "/i", prefix.windows_path(msi), log=log)
                 results[kind]["install"].append((wall, cpu))
@@ -179,6 +199,7 @@ def main():
                 results[kind]["uninstall"].append((wall, cpu))
         # The calls are counted in a run of its own: verbose logging adds the line.
         prefix = fresh_prefix()
+        plant_files(prefix, args.family, rows)
         _, _, text = timed(prefix, "/i", prefix.windows_path(msis["ours"]), "LOGVERBOSE=1",
                            log=work / f"ours-{rows}-calls.log")
         found = [int(m) for line in library_lines(text, counted)

@@ -36,6 +36,7 @@ def xml_rows(win):
          2, 0),
         ("Fresh", f"{win}\\new\\fresh.xml", "/root", CREATE, "child", "v", "", 1, CREATE_FILE),
         ("Keep", web, "/configuration/appSettings/add[@key='port']", SET, "kept", "yes", "", 7, PERMANENT),
+        ("Farewell", f"{win}\\host.xml", "/host", CREATE, "uninstalled", "[ProductName]", "", 1, ON_UNINSTALL),
     ]
 
 
@@ -64,6 +65,7 @@ class XmlFiles(unittest.TestCase):
     def test_every_action_keeps_encoding_and_uninstall_puts_values_back(self):
         web, ns = self.root / "web.config", self.root / "ns.xml"
         web.write_bytes(b"\xef\xbb\xbf" + WEB_CONFIG.encode())
+        (self.root / "host.xml").write_text("<host/>")
         ns.write_bytes(b"\xff\xfe" + NS_XML.encode("utf-16-le"))
         before = {web: web.read_bytes(), ns: ns.read_bytes()}
         package = self.package(xml_rows(self.win))
@@ -88,7 +90,8 @@ class XmlFiles(unittest.TestCase):
         fresh = (self.root / "new" / "fresh.xml").read_bytes()
         self.assertTrue(fresh.startswith(b'<?xml version="1.0" encoding="utf-8"?>\r\n<root>'), fresh)
         self.assertIn(b"<child>v</child>", fresh)
-        self.assertEqual(sorted(p.name for p in self.root.iterdir()), ["new", "ns.xml", "web.config"])  # no backups
+        self.assertEqual((self.root / "host.xml").read_text(), "<host/>")  # its edit waits for the uninstall
+        self.assertEqual(sorted(p.name for p in self.root.iterdir()), ["host.xml", "new", "ns.xml", "web.config"])
 
         # A repair makes the edits again and keeps the records of the values from before.
         code, log = self.prefix.msiexec("/i", self.prefix.windows_path(package.msi), "REINSTALL=ALL",
@@ -102,6 +105,7 @@ class XmlFiles(unittest.TestCase):
         self.assertEqual(ns.read_bytes(), before[ns])
         self.assertEqual(web.read_bytes(), before[web].replace(b'value="80"/>', b'value="80" kept="yes"/>'))
         self.assertFalse((self.root / "new" / "fresh.xml").exists())  # made for the edit, gone with it
+        self.assertIn(f"<uninstalled>{package.name}</uninstalled>", (self.root / "host.xml").read_text())
         self.assertIn("Skip xml edit 'Keep', '" + self.win + "\\web.config'. It is permanent (0x1): uninstall "
                       "leaves it.", library_lines(log, "UninstallXmlFiles"))
 
