@@ -1,6 +1,7 @@
 #include "actions/files/remove_file_plan.h"
 
 #include <cwctype>
+#include <map>
 #include <utility>
 
 #include "runtime/action_data.h"
@@ -157,6 +158,8 @@ Decision DecideRemoveFile(ComponentStates& states, const RemoveFileRow& row, boo
 RemoveFilePhases PlanRemoveFiles(const std::vector<RemoveFileRow>& rows, ComponentStates& states, bool upgrading,
                                  RemoveFileMachine& machine, LogSink& log) {
     RemoveFilePhases phases;
+    std::map<std::wstring, std::wstring> sharedBackups;  // folder (case-blind) -> its backup folder
+    std::wstring unshared;
     for (const RemoveFileRow& row : rows) {
         if (!DecideRemoveFile(states, row, upgrading, log).Chosen()) continue;
         RemoveFileItem item{row.id, row.path, row.phase, row.attributes, L"", false};
@@ -169,8 +172,17 @@ RemoveFilePhases PlanRemoveFiles(const std::vector<RemoveFileRow>& rows, Compone
             // rollback a rename back.
             const RemovalTarget target = TargetOf(row.path, machine.IsFolder(row.path));
             item.wholeFolder = target.wholeFolder;
-            const std::wstring name = L"~rfx" + machine.NewUuid();
-            item.backup = JoinPath(target.wholeFolder ? DirectoryOf(target.folder) : target.folder, name);
+            // Rows that remove files from the same folder share its backup
+            // folder: one folder more in it, not one per row (Wine looks names
+            // up by scanning a folder, so each entry there costs every later
+            // lookup). Rollback of the first of them puts all back.
+            std::wstring& shared = target.wholeFolder ? unshared : sharedBackups[PathKey(target.folder)];
+            if (shared.empty()) {
+                const std::wstring name = L"~rfx" + machine.NewUuid();
+                shared = JoinPath(target.wholeFolder ? DirectoryOf(target.folder) : target.folder, name);
+            }
+            item.backup = shared;
+            unshared.clear();
             phases.deferred.push_back(std::move(item));
             break;
         }

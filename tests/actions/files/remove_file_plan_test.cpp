@@ -101,20 +101,22 @@ TEST(RemoveFilePlan, SortsRowsByPhaseWithABackupFolderOnTheSameVolume) {
     const RemoveFilePhases phases = PlanRemoveFiles(
         {{L"Folder", L"Install", L"C:\\app\\data", Deferred, OnInstall, L""},
          {L"Pattern", L"Install", L"C:\\app\\logs\\*.log", Deferred, OnInstall, L""},
+         {L"Same", L"Install", L"C:\\APP\\Logs\\old.txt", Deferred, OnInstall, L""},
          {L"Now", L"Install", L"C:\\a", Immediate, OnInstall, L""},
          {L"Commit", L"Install", L"C:\\b", Commit, OnInstall, L""},
          {L"Rollback", L"Install", L"C:\\c", RollbackOnly, OnInstall, L""},
          {L"Restart", L"Install", L"C:\\d", AtRestart, OnInstall, L""},
          {L"Bad", L"Install", L"C:\\e", 9, OnInstall, L""}},
         states, false, machine, log);
-    ASSERT_EQ(phases.deferred.size(), 3u);
+    ASSERT_EQ(phases.deferred.size(), 4u);
     // A whole folder keeps its files beside it; a pattern's files stay inside the folder.
     EXPECT_EQ(phases.deferred[0].backup, L"C:\\app\\~rfxu1");
     EXPECT_TRUE(phases.deferred[0].wholeFolder);
     EXPECT_EQ(phases.deferred[1].backup, L"C:\\app\\logs\\~rfxu2");
     EXPECT_FALSE(phases.deferred[1].wholeFolder);
-    EXPECT_EQ(phases.deferred[2].id, L"Restart");
-    EXPECT_EQ(phases.deferred[2].backup, L"");
+    EXPECT_EQ(phases.deferred[2].backup, L"C:\\app\\logs\\~rfxu2");  // the same folder shares one backup
+    EXPECT_EQ(phases.deferred[3].id, L"Restart");
+    EXPECT_EQ(phases.deferred[3].backup, L"");
     EXPECT_EQ(phases.immediate.size(), 1u);
     EXPECT_EQ(phases.commit.size(), 1u);
     EXPECT_EQ(phases.rollback.size(), 1u);
