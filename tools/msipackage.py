@@ -13,6 +13,7 @@ import re
 import shutil
 import subprocess
 import tempfile
+import unittest
 import uuid
 from pathlib import Path
 
@@ -294,3 +295,39 @@ def scratch_dir(test_name):
     shutil.rmtree(path, ignore_errors=True)
     path.mkdir(parents=True)
     return path
+
+
+class InstallerCase(unittest.TestCase):
+    """An end-to-end case: the prefix, a scratch folder named after the test
+    (`self.name`, at most 40 characters) and msiexec runs that log there.
+    With `clears_renames` the rename list is emptied before and after."""
+
+    clears_renames = False
+
+    def setUp(self):
+        self.prefix = Prefix()
+        self.name = self.id().split(".")[-1][:40]
+        self.work = scratch_dir(self.name)
+        if self.clears_renames:
+            self.prefix.clear_pending_renames()
+
+    def tearDown(self):
+        if self.clears_renames:
+            self.prefix.clear_pending_renames()
+
+    def run_msiexec(self, package, mode, *args, log="install.log"):
+        msi = getattr(package, "msi", None) or package.build(self.work)
+        return self.prefix.msiexec(mode, self.prefix.windows_path(msi), *args, log=self.work / log)
+
+    def table_package(self, table, rows, name=None, files=(("readme", "readme.txt", "r"),), fail_at=None,
+                      **properties):
+        """A package whose component Main installs `files` and whose `table` holds `rows`;
+        named after the test and numbered unless `name` is given."""
+        self.count = getattr(self, "count", 0) + 1
+        package = Package(name or f"{self.name}{self.count}").add_component("Main", list(files))
+        package.add_table(table, rows)
+        for key, value in properties.items():
+            package.add_property(key, value)
+        if fail_at:
+            package.fail_at(fail_at)
+        return package

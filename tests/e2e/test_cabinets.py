@@ -10,7 +10,7 @@ import shutil
 import unittest
 
 from cabinet import A_ARCH, A_RDONLY, cabinet_bytes
-from msipackage import Package, Prefix, library_lines, scratch_dir
+from msipackage import InstallerCase, library_lines
 
 OVERWRITE, PER_USER, DELETE_CAB, KEEP, WARN = 0x1, 0x2, 0x4, 0x8, 0x10
 LONG = "long\\" + "d" * 120 + "\\" + "e" * 120 + "\\f.txt"
@@ -23,23 +23,13 @@ def entries():
             (LONG, b"deep"), ("keep.txt", b"from the cabinet")]
 
 
-class Cabinets(unittest.TestCase):
-    def setUp(self):
-        self.prefix = Prefix()
-        self.name = self.id().split(".")[-1][:40]
-        self.work = scratch_dir(self.name)
-
+class Cabinets(InstallerCase):
     def package(self, rows, cabinets, name=None):
         """`cabinets`: file name -> bytes, installed into INSTALLDIR; rows:
         (id, cabinet, target, attributes), all on the component Main."""
         files = [(f"cab{i}", file_name, data) for i, (file_name, data) in enumerate(cabinets.items())]
-        package = Package(name or self.name).add_component("Main", files)
-        package.add_table("CabPackage", [(i, c, t, str(a), "Main", "") for i, c, t, a in rows])
-        return package
-
-    def run_msiexec(self, package, mode, log):
-        msi = getattr(package, "msi", None) or package.build(self.work)
-        return self.prefix.msiexec(mode, self.prefix.windows_path(msi), log=self.work / log)
+        return self.table_package("CabPackage", [(i, c, t, str(a), "Main", "") for i, c, t, a in rows], name=name,
+                                  files=files)
 
     def tree(self, root):
         return sorted(str(p.relative_to(root)).replace(os.sep, "\\") for p in root.rglob("*"))
@@ -51,7 +41,7 @@ class Cabinets(unittest.TestCase):
         data = root / "data"
         data.mkdir(parents=True)
         (data / "keep.txt").write_bytes(b"mine")
-        code, log = self.run_msiexec(package, "/i", "install.log")
+        code, log = self.run_msiexec(package, "/i", log="install.log")
         self.assertEqual(code, 0, log[-4000:])
         for name, content, *_ in entries()[:-1]:
             self.assertEqual((data / name.replace("\\", os.sep)).read_bytes(), content, name)
@@ -66,7 +56,7 @@ class Cabinets(unittest.TestCase):
         self.assertIn(package.product_code, self.prefix.reg_query(RECORDS + "\\" + package.product_code) or "")
 
         (data / "sub" / "user.txt").write_bytes(b"added by the user")
-        code, log = self.run_msiexec(package, "/x", "uninstall.log")
+        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
         self.assertEqual(code, 0, log[-4000:])
         self.assertEqual(self.tree(data), ["keep.txt", "sub", "sub\\user.txt"])
         self.assertIn(f"Remove folder '{win}\\long'.", library_lines(log, "InstallCabsDeferred"))
@@ -82,15 +72,15 @@ class Cabinets(unittest.TestCase):
         old, new = (self.package([("Data", "[INSTALLDIR]payload.cab", "C:\\cabshared", 0)], cab, name=f"CabShared{n}")
                     for n in (1, 2))
         for package in (old, new):
-            code, log = self.run_msiexec(package, "/i", f"install-{package.name}.log")
+            code, log = self.run_msiexec(package, "/i", log=f"install-{package.name}.log")
             self.assertEqual(code, 0, log[-3000:])
         self.assertIn("Replace file 'C:\\cabshared\\a.txt'.", library_lines(log, "InstallCabsDeferred"))
-        code, log = self.run_msiexec(old, "/x", "uninstall-old.log")
+        code, log = self.run_msiexec(old, "/x", log="uninstall-old.log")
         self.assertEqual(code, 0, log[-3000:])
         self.assertIn("Leave 'C:\\cabshared\\a.txt' in place: the cabinet of another product placed it too.",
                       library_lines(log, "InstallCabsDeferred"))
         self.assertEqual(self.tree(shared), ["a.txt", "sub", "sub\\b.bin", "sub\\deeper", "sub\\deeper\\c.txt"])
-        code, log = self.run_msiexec(new, "/x", "uninstall-new.log")
+        code, log = self.run_msiexec(new, "/x", log="uninstall-new.log")
         self.assertEqual(code, 0, log[-3000:])
         self.assertFalse(shared.exists())
 
@@ -107,7 +97,7 @@ class Cabinets(unittest.TestCase):
                 ("Good", "[INSTALLDIR]good.cab", "[INSTALLDIR]good", OVERWRITE | DELETE_CAB | PER_USER)]
         package = self.package(rows, cabinets)
         root = package.install_dir(self.prefix)
-        code, log = self.run_msiexec(package, "/i", "install.log")
+        code, log = self.run_msiexec(package, "/i", log="install.log")
         self.assertEqual(code, 0, log[-4000:])
         warnings = [line for line in library_lines(log, "InstallCabsDeferred") if line.startswith("Warning: ")]
         win = f"C:\\Program Files\\{package.directory}"
@@ -130,7 +120,7 @@ class Cabinets(unittest.TestCase):
 
         strict = self.package([("Evil", "[INSTALLDIR]evil.cab", "[INSTALLDIR]evil", 0)], {"evil.cab": evil},
                               name=self.name[:30] + "Strict")
-        code, log = self.run_msiexec(strict, "/i", "strict.log")
+        code, log = self.run_msiexec(strict, "/i", log="strict.log")
         self.assertEqual(code, 1603, log[-4000:])
         self.assertFalse(strict.install_dir(self.prefix).exists())
         self.assertTrue(any("Refused to extract '..\\evil.txt'" in line for line in log.splitlines()), log[-3000:])

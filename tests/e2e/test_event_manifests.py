@@ -1,7 +1,7 @@
 import unittest
 
 from machine_state import WevtutilDouble
-from msipackage import Package, Prefix, library_lines, scratch_dir
+from msipackage import InstallerCase, Package, Prefix, library_lines, scratch_dir
 
 ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "InstallEventManifestRollback",
            "UninstallEventManifest", "UninstallEventManifestDeferred", "UninstallEventManifestRollback")
@@ -9,7 +9,7 @@ MANIFESTS = (("ev1", "events one.man"), ("ev2", "second.man"), ("ev3", "third.ma
 command = WevtutilDouble.command
 
 
-class EventManifests(unittest.TestCase):
+class EventManifests(InstallerCase):
     @classmethod
     def setUpClass(cls):
         cls.double = WevtutilDouble(Prefix(), scratch_dir("wevtutil-original")).install()
@@ -19,16 +19,14 @@ class EventManifests(unittest.TestCase):
         cls.double.restore()
 
     def setUp(self):
-        self.prefix = Prefix()
+        super().setUp()
         self.double.use_in(self.prefix)
-        self.work = scratch_dir(self.id().split(".")[-1])
         self.fail_when = self.double.fail_when
         self.calls = self.double.calls
 
     def make(self, rows=None):
         """Three manifests installed with one component; rows default to one per manifest."""
-        name = f"{self.id().split('.')[-1][:40]}"
-        package = Package(name).add_component("Manifests", [(fid, fname, "<instrumentationManifest/>")
+        package = Package(self.name).add_component("Manifests", [(fid, fname, "<instrumentationManifest/>")
                                                             for fid, fname in MANIFESTS])
         package.use_kit(*ACTIONS)
         if rows is None:
@@ -36,10 +34,6 @@ class EventManifests(unittest.TestCase):
         package.add_table("EventManifest", rows)
         self.paths = [f"C:\\Program Files\\{package.directory}\\{fname}" for _, fname in MANIFESTS]
         return package
-
-    def run_msiexec(self, package, mode, *properties, log):
-        msi = getattr(package, "msi", None) or package.build(self.work)
-        return self.prefix.msiexec(mode, self.prefix.windows_path(msi), *properties, log=self.work / log)
 
     def test_install_registers_in_table_order_repair_reregisters_and_uninstall_unregisters(self):
         package = self.make()

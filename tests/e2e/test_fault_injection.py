@@ -14,7 +14,7 @@ import unittest
 from cabinet import A_ARCH, A_HIDDEN, A_RDONLY, cabinet_bytes
 from machine_state import HeldFile, Manifests, MachineState, WevtutilDouble, differences, rename_value, \
     set_rename_value, utf16_hex
-from msipackage import ARCH, Package, Prefix, library_lines, scratch_dir
+from msipackage import ARCH, InstallerCase, Package, Prefix, library_lines, scratch_dir
 
 TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
 MANIFEST_ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "InstallEventManifestRollback",
@@ -37,18 +37,8 @@ FOREIGN = ["\\??\\C:\\Foreign\\new.dll", "!\\??\\C:\\Foreign\\app.dll",
            "\\??\\C:\\Foreign\\a.dll", "\\??\\C:\\Foreign\\b.dll"]
 
 
-class FaultCase(unittest.TestCase):
-    def setUp(self):
-        self.prefix = Prefix()
-        self.work = scratch_dir(self.id().split(".")[-1])
-        self.prefix.clear_pending_renames()
-
-    def tearDown(self):
-        self.prefix.clear_pending_renames()
-
-    def run_msiexec(self, package, mode, *properties, log="install.log"):
-        msi = getattr(package, "msi", None) or package.build(self.work)
-        return self.prefix.msiexec(mode, self.prefix.windows_path(msi), *properties, log=self.work / log)
+class FaultCase(InstallerCase):
+    clears_renames = True
 
     def assertUnchanged(self, before, after, log):
         diff = differences(before, after)
@@ -225,10 +215,9 @@ class RegistryFaults(FaultCase):
 
     def setUp(self):
         super().setUp()
-        name = self.id().split(".")[-1][:40]
-        self.key = "Software\\SetupUtilsFault\\" + name
+        self.key = "Software\\SetupUtilsFault\\" + self.name
         wow = "Wow6432Node\\" if ARCH == "x86" else ""
-        self.native = "HKLM\\Software\\" + wow + "SetupUtilsFault\\" + name
+        self.native = "HKLM\\Software\\" + wow + "SetupUtilsFault\\" + self.name
         self.reg("delete", self.native, "/f")
 
     def tearDown(self):
@@ -301,7 +290,6 @@ class MoveFileFaults(FaultCase):
 
     def setUp(self):
         super().setUp()
-        self.name = self.id().split(".")[-1][:40]
         self.win = "C:\\mfx-fault\\" + self.name
         self.root = self.prefix.host_path(self.win)
         shutil.rmtree(self.prefix.host_path("C:\\mfx-fault"), ignore_errors=True)

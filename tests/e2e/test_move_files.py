@@ -11,7 +11,7 @@ import shutil
 import unittest
 
 from machine_state import HeldFile
-from msipackage import Package, Prefix, library_lines, scratch_dir
+from msipackage import InstallerCase, library_lines
 
 ACTIONS = ("MoveFilesEx", "MoveFilesExRollback", "MoveFilesExDeferredUser", "MoveFilesExDeferred",
            "MoveFilesExFinalize")
@@ -20,19 +20,15 @@ INSTALL, REINSTALL, UNINSTALL, OPTIONAL, MOVE = 0x1, 0x2, 0x4, 0x10, 0x20
 IMMEDIATE, DEFERRED, COMMIT, ROLLBACK, AT_RESTART, CONTINUE = 0x100, 0x200, 0x400, 0x800, 0x1000, 0x2000
 
 
-class MoveFiles(unittest.TestCase):
+class MoveFiles(InstallerCase):
+    clears_renames = True
+
     def setUp(self):
-        self.prefix = Prefix()
-        self.name = self.id().split(".")[-1][:40]
-        self.work = scratch_dir(self.name)
+        super().setUp()
         self.win = "C:\\mfx\\" + self.name
         self.root = self.prefix.host_path(self.win)
         shutil.rmtree(self.root, ignore_errors=True)
         self.root.mkdir(parents=True)
-        self.prefix.clear_pending_renames()
-
-    def tearDown(self):
-        self.prefix.clear_pending_renames()
 
     def file(self, name, text):
         path = self.root / name
@@ -42,19 +38,8 @@ class MoveFiles(unittest.TestCase):
         return path
 
     def package(self, rows, fail_at=None, **properties):
-        self.count = getattr(self, "count", 0) + 1
-        package = Package(f"{self.name}{self.count}").add_component("Main", [("readme", "readme.txt", "r")])
-        package.use_kit(*ACTIONS)
-        package.add_table("MoveFileEx", [(i, "Main", s, d, str(a), c) for i, s, d, a, c in rows])
-        for key, value in properties.items():
-            package.add_property(key, value)
-        if fail_at:
-            package.fail_at(fail_at)
-        return package
-
-    def run_msiexec(self, package, mode, *args, log="install.log"):
-        msi = getattr(package, "msi", None) or package.build(self.work)
-        return self.prefix.msiexec(mode, self.prefix.windows_path(msi), *args, log=self.work / log)
+        return self.table_package("MoveFileEx", [(i, "Main", s, d, str(a), c) for i, s, d, a, c in rows],
+                                  fail_at=fail_at, **properties).use_kit(*ACTIONS)
 
     def files(self):
         return sorted(str(p.relative_to(self.root)) for p in self.root.rglob("*") if p.is_file())

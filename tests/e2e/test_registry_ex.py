@@ -12,7 +12,7 @@ import re
 import unittest
 
 from machine_state import MachineState, differences, export_key
-from msipackage import ARCH, Package, Prefix, library_lines, scratch_dir
+from msipackage import ARCH, InstallerCase, Package, library_lines
 
 WOW = "Wow6432Node\\" if ARCH == "x86" else ""
 INSTALL = ("InstallRegFiles", "InstallRegistryDeferred", "InstallRegistryRollback")
@@ -32,11 +32,9 @@ def parse_export(text):
     return keys
 
 
-class RegistryEx(unittest.TestCase):
+class RegistryEx(InstallerCase):
     def setUp(self):
-        self.prefix = Prefix()
-        self.name = self.id().split(".")[-1][:40]
-        self.work = scratch_dir(self.name)
+        super().setUp()
         self.key = "SOFTWARE\\SetupUtilsTest\\" + self.name          # as the rows write it
         self.native = "HKLM\\SOFTWARE\\" + WOW + "SetupUtilsTest\\" + self.name  # where the DLL's view puts it
         self.wide = "HKLM\\SOFTWARE\\SetupUtilsTest\\" + self.name + "W"  # Win64 rows
@@ -52,10 +50,6 @@ class RegistryEx(unittest.TestCase):
 
     def values(self, key):
         return parse_export(export_key(self.prefix, key))
-
-    def run_msiexec(self, package, mode, *args, log="install.log"):
-        msi = getattr(package, "msi", None) or package.build(self.work)
-        return self.prefix.msiexec(mode, self.prefix.windows_path(msi), *args, log=self.work / log)
 
     def package(self, name, rows, components=("Main",)):
         package = Package(name[:48])

@@ -7,26 +7,22 @@ import os
 import shutil
 import unittest
 
-from msipackage import Package, Prefix, library_lines, scratch_dir
+from msipackage import InstallerCase, library_lines
 
 INSTALL, UNINSTALL, RECURSIVE, EMPTY, STRICT, UPGRADE = 0x1, 0x2, 0x8, 0x10, 0x20, 0x40
 DEFERRED, IMMEDIATE, COMMIT, ROLLBACK_ONLY, AT_RESTART = 0, 1, 2, 3, 4
 OLD_TIME = 1_500_000_000
 
 
-class RemoveFiles(unittest.TestCase):
+class RemoveFiles(InstallerCase):
+    clears_renames = True
+
     def setUp(self):
-        self.prefix = Prefix()
-        self.name = self.id().split(".")[-1][:40]
-        self.work = scratch_dir(self.name)
+        super().setUp()
         self.win = "C:\\rfx\\" + self.name
         self.root = self.prefix.host_path(self.win)
         shutil.rmtree(self.prefix.host_path("C:\\rfx"), ignore_errors=True)
         self.root.mkdir(parents=True)
-        self.prefix.clear_pending_renames()
-
-    def tearDown(self):
-        self.prefix.clear_pending_renames()
 
     def file(self, name, data=None):
         path = self.root / name.replace("\\", os.sep)
@@ -44,18 +40,8 @@ class RemoveFiles(unittest.TestCase):
         os.symlink(self.root / "outside", self.root / "data" / "link")
 
     def package(self, rows, fail_at=None, **properties):
-        self.count = getattr(self, "count", 0) + 1
-        package = Package(f"{self.name}{self.count}").add_component("Main", [("readme", "readme.txt", "r")])
-        package.add_table("RemoveFileEx", [(i, "Main", p, str(ph), str(a), c) for i, p, ph, a, c in rows])
-        for key, value in properties.items():
-            package.add_property(key, value)
-        if fail_at:
-            package.fail_at(fail_at)
-        return package
-
-    def run_msiexec(self, package, mode, *args, log="install.log"):
-        msi = getattr(package, "msi", None) or package.build(self.work)
-        return self.prefix.msiexec(mode, self.prefix.windows_path(msi), *args, log=self.work / log)
+        return self.table_package("RemoveFileEx", [(i, "Main", p, str(ph), str(a), c) for i, p, ph, a, c in rows],
+                                  fail_at=fail_at, **properties)
 
     def names(self):
         return sorted(str(p.relative_to(self.root)).replace(os.sep, "\\") for p in self.root.rglob("*"))

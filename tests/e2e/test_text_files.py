@@ -1,7 +1,7 @@
 import re
 import unittest
 
-from msipackage import Package, Prefix, library_lines, scratch_dir
+from msipackage import InstallerCase, Package, library_lines
 
 ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
 
@@ -11,16 +11,12 @@ def utf16(text):
     return b"\xff\xfe" + text.replace("\n", "\r\n").encode("utf-16-le")
 
 
-class TextFiles(unittest.TestCase):
-    def setUp(self):
-        self.prefix = Prefix()
-        self.work = scratch_dir(self.id().split(".")[-1])
-        self.prefix.clear_pending_renames()
+class TextFiles(InstallerCase):
+    clears_renames = True
 
     def make(self, rows, table_header=None, **properties):
         self.count = getattr(self, "count", 0) + 1
-        name = f"{self.id().split('.')[-1][:40]}{self.count}"
-        package = Package(name).add_component("Main", [("readme", "readme.txt", "r")])
+        package = Package(f"{self.name}{self.count}").add_component("Main", [("readme", "readme.txt", "r")])
         package.use_kit(*ACTIONS)
         if rows is not None:
             package.add_table("TextFile", rows)
@@ -29,10 +25,6 @@ class TextFiles(unittest.TestCase):
         for name, value in properties.items():
             package.add_property(name, value)
         return package
-
-    def run_msiexec(self, package, mode, *properties, log="install.log"):
-        msi = getattr(package, "msi", None) or package.build(self.work)
-        return self.prefix.msiexec(mode, self.prefix.windows_path(msi), *properties, log=self.work / log)
 
     def lines(self, log, action):
         return library_lines(log, action)

@@ -9,7 +9,7 @@ skipped as asked. The forced rollback is in test_fault_injection."""
 import shutil
 import unittest
 
-from msipackage import Package, Prefix, library_lines, scratch_dir
+from msipackage import InstallerCase, library_lines
 
 SET, SET_ALL, CREATE, DELETE_ATTRIBUTE, DELETE, APPEND = range(6)
 PERMANENT, ON_UNINSTALL, CREATE_FILE, SKIP_MISSING, SECRET, KEEP_TIME = 0x1, 0x2, 0x4, 0x8, 0x10, 0x20
@@ -40,27 +40,17 @@ def xml_rows(win):
     ]
 
 
-class XmlFiles(unittest.TestCase):
+class XmlFiles(InstallerCase):
     def setUp(self):
-        self.prefix = Prefix()
-        self.name = self.id().split(".")[-1][:40]
-        self.work = scratch_dir(self.name)
+        super().setUp()
         self.win = "C:\\xmlt\\" + self.name
         self.root = self.prefix.host_path(self.win)
         shutil.rmtree(self.root, ignore_errors=True)
         self.root.mkdir(parents=True)
 
     def package(self, rows, name=None, **properties):
-        package = Package(name or self.name).add_component("Main", [("readme", "readme.txt", "r")])
-        package.add_table("XmlFile", [(i, f, x, str(a), n, v, ns, str(s), str(atr), "Main", "")
-                                      for i, f, x, a, n, v, ns, s, atr in rows])
-        for key, value in properties.items():
-            package.add_property(key, value)
-        return package
-
-    def run_msiexec(self, package, mode, log):
-        msi = getattr(package, "msi", None) or package.build(self.work)
-        return self.prefix.msiexec(mode, self.prefix.windows_path(msi), log=self.work / log)
+        return self.table_package("XmlFile", [(i, f, x, str(a), n, v, ns, str(s), str(atr), "Main", "")
+                                              for i, f, x, a, n, v, ns, s, atr in rows], name=name, **properties)
 
     def test_every_action_keeps_encoding_and_uninstall_puts_values_back(self):
         web, ns = self.root / "web.config", self.root / "ns.xml"
@@ -69,7 +59,7 @@ class XmlFiles(unittest.TestCase):
         ns.write_bytes(b"\xff\xfe" + NS_XML.encode("utf-16-le"))
         before = {web: web.read_bytes(), ns: ns.read_bytes()}
         package = self.package(xml_rows(self.win))
-        code, log = self.run_msiexec(package, "/i", "install.log")
+        code, log = self.run_msiexec(package, "/i", log="install.log")
         self.assertEqual(code, 0, log[-4000:])
         data = web.read_bytes()
         self.assertTrue(data.startswith(b"\xef\xbb\xbf<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n"), data[:80])
@@ -99,7 +89,7 @@ class XmlFiles(unittest.TestCase):
         self.assertEqual(code, 0, log[-4000:])
         self.assertIn("Need to edit xml file '" + self.win + "\\web.config' for 'Port'. Component to do 3.",
                       library_lines(log, "InstallXmlFiles"))
-        code, log = self.run_msiexec(package, "/x", "uninstall.log")
+        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
         self.assertEqual(code, 0, log[-4000:])
         # Everything but the permanent edit is back, byte for byte.
         self.assertEqual(ns.read_bytes(), before[ns])
@@ -115,7 +105,7 @@ class XmlFiles(unittest.TestCase):
                 ("Optional", f"{self.win}\\none.config", "/x", SET, "a", "b", "", 1, SKIP_MISSING),
                 ("NoMatch", f"{self.win}\\db.config", "/db/nothing", SET, "a", "b", "", 2, SKIP_MISSING)]
         package = self.package(rows, DB_PASSWORD="S3cr3t-Value!", MsiHiddenProperties="DB_PASSWORD")
-        code, log = self.run_msiexec(package, "/i", "install.log")
+        code, log = self.run_msiexec(package, "/i", log="install.log")
         self.assertEqual(code, 0, log[-4000:])
         self.assertEqual((self.root / "db.config").read_text(), '<db password="S3cr3t-Value!" user="u"/>')
         # Nowhere but in the property list Wine's msiexec prints at the end:
@@ -134,7 +124,7 @@ class XmlFiles(unittest.TestCase):
                       deferred)
         # A file that is gone by uninstall is a skip, never a failed uninstall.
         (self.root / "db.config").unlink()
-        code, log = self.run_msiexec(package, "/x", "uninstall.log")
+        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
         self.assertEqual(code, 0, log[-4000:])
         self.assertIn(f"Skip the xml file '{self.win}\\db.config': it does not exist.",
                       library_lines(log, "InstallXmlFilesDeferred"))
@@ -158,7 +148,7 @@ class XmlFiles(unittest.TestCase):
                 before = path.read_bytes() if content is not None else None
                 package = self.package([(name, f"{self.win}\\{name}.xml", xpath, action, attribute, value, "", 1, 0)],
                                        name=f"{self.name[:30]}{name}")
-                code, log = self.run_msiexec(package, "/i", f"{name}.log")
+                code, log = self.run_msiexec(package, "/i", log=f"{name}.log")
                 self.assertEqual(code, 1603, log[-3000:])
                 self.assertTrue(any(why in line for line in library_lines(log, "InstallXmlFilesDeferred")),
                                 "\n".join(library_lines(log, "InstallXmlFilesDeferred")))

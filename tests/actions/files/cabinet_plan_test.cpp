@@ -59,7 +59,6 @@ TEST(CabinetPlan, RefusesNamesThatLeaveTheTargetFolder) {
 
 TEST(CabinetPlan, InstallAndUninstallRowsGoToTheirOwnActions) {
     test::FakeComponentStates states;
-    states.states = {{L"Install", {2, 3}}, {L"Reinstall", {3, 3}}, {L"Remove", {3, 2}}, {L"Idle", {3, -1}}};
     FakeMachine machine;
     machine.records[L"Gone"] = {L"C:\\old\\data", {L"C:\\old\\data\\a.txt"}, {L"C:\\old\\data"}};
     machine.records[L"Empty"] = {L"C:\\app\\data", {}, {}};

@@ -28,13 +28,6 @@ struct Fixture {
     test::FakeComponentStates states;
     FakeMachine machine;
     RecordingLogSink log;
-    Fixture() {
-        states.states[L"Install"] = {2, 3};
-        states.states[L"Reinstall"] = {3, 3};
-        states.states[L"Remove"] = {3, 2};
-        states.states[L"FileAbsent"] = {3, 1};
-        states.states[L"Idle"] = {3, -1};
-    }
     MoveFilePhases Plan(const std::vector<MoveFileRow>& rows) { return PlanMoveFiles(rows, states, machine, log); }
     bool Logged(const std::wstring& line) const {
         return std::find(log.lines.begin(), log.lines.end(), line) != log.lines.end();

@@ -61,10 +61,6 @@ TEST(RemoveFilePlan, RefusesRootsSystemFoldersAndTheFoldersAboveThem) {
 
 TEST(RemoveFilePlan, DecidesByTaskBitsConditionAndTheUpgradeRule) {
     test::FakeComponentStates states;
-    states.states[L"Install"] = {2, 3};
-    states.states[L"Remove"] = {3, 2};
-    states.states[L"Reinstall"] = {3, 3};
-    states.states[L"Idle"] = {3, -1};
     struct Case {
         const wchar_t* component;
         int bits;
@@ -94,7 +90,6 @@ TEST(RemoveFilePlan, DecidesByTaskBitsConditionAndTheUpgradeRule) {
 
 TEST(RemoveFilePlan, SortsRowsByPhaseWithABackupFolderOnTheSameVolume) {
     test::FakeComponentStates states;
-    states.states[L"Install"] = {2, 3};
     FakeMachine machine;
     machine.folders = {L"C:\\app\\data"};
     RecordingLogSink log;

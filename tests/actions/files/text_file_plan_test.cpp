@@ -33,12 +33,6 @@ struct Fixture {
     test::FakeComponentStates states;
     FakeMachine machine;
     RecordingLogSink log;
-    Fixture() {
-        states.states[L"Install"] = {2, 3};
-        states.states[L"Reinstall"] = {3, 3};
-        states.states[L"Remove"] = {3, 2};
-        states.states[L"Idle"] = {3, -1};
-    }
     std::vector<TextFileItem> Plan(const std::vector<TextFileRow>& rows) {
         return PlanTextFiles(rows, states, machine, log);
     }

@@ -76,7 +76,6 @@ TEST(XmlFilePlan, DocumentsKeepTheirEncodingDeclarationAndLineEnds) {
 
 TEST(XmlFilePlan, RowsGroupPerFileInSequenceAndUndoRunsBackwards) {
     test::FakeComponentStates states;
-    states.states = {{L"Install", {2, 3}}, {L"Remove", {3, 2}}, {L"Idle", {3, -1}}};
     const auto row = [](const wchar_t* id, const wchar_t* file, int sequence, int attributes, const wchar_t* component,
                         const wchar_t* condition = L"") {
         return XmlFileRow{id, file, L"/a", SetValue, L"x", L"1", L"", sequence, attributes, component, condition};

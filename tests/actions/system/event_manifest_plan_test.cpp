@@ -21,11 +21,7 @@ struct Fixture {
         {L"Idle", L"C:\\m\\idle.man"},           {L"Unknown", L"C:\\m\\unknown.man"},
     };
     Fixture() {
-        states.states[L"Install"] = {2, 3};
-        states.states[L"Reinstall"] = {3, 3};
-        states.states[L"Remove"] = {3, 2};
         states.states[L"FilesOnly"] = {3, 1};
-        states.states[L"Idle"] = {3, -1};
     }
 };
 
