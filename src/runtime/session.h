@@ -5,11 +5,13 @@
 // Every failure throws setup::Exception with the failing call's code and the
 // text given below; a cancel throws setup::InstallCanceledException.
 
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "runtime/component_decision.h"
@@ -75,5 +77,21 @@ private:
     std::map<std::wstring, std::optional<ComponentState>, std::less<>> states_;
     std::map<std::wstring, int, std::less<>> conditions_;
 };
+
+// Formats the named text members of every row in place, all of them in one
+// FormatTexts batch (a few installer calls for the whole table).
+template <class Row>
+void FormatRowTexts(const Session& session, std::vector<Row>& rows, std::initializer_list<std::wstring Row::*> members) {
+    std::vector<std::wstring> texts;
+    texts.reserve(rows.size() * members.size());
+    for (const Row& row : rows) {
+        for (std::wstring Row::*member : members) texts.push_back(row.*member);
+    }
+    texts = session.FormatTexts(texts);
+    std::size_t next = 0;
+    for (Row& row : rows) {
+        for (std::wstring Row::*member : members) row.*member = std::move(texts[next++]);
+    }
+}
 
 }  // namespace setup

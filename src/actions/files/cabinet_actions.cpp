@@ -45,16 +45,8 @@ std::optional<std::vector<CabinetRow>> ReadRows(const Session& session) {
         rows.push_back(std::move(row));
     });
     if (!exists) return std::nullopt;
-    std::vector<std::wstring> texts;
+    FormatRowTexts(session, rows, {&CabinetRow::cabinet, &CabinetRow::target});  // a few installer calls
     for (const CabinetRow& row : rows) {
-        texts.push_back(row.cabinet);
-        texts.push_back(row.target);
-    }
-    texts = session.FormatTexts(texts);  // all together: a few installer calls
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        CabinetRow& row = rows[i];
-        row.cabinet = std::move(texts[2 * i]);
-        row.target = std::move(texts[2 * i + 1]);
         LogInfo(L"Configured cabinet %s, %s, %s, %d, %s, %s.", row.id, row.cabinet, row.target, row.attributes,
                 row.component, row.condition);
     }

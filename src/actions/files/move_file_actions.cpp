@@ -59,17 +59,8 @@ std::optional<std::vector<MoveFileRow>> ReadRows(const Session& session, Compone
         rows.push_back(std::move(row));
     });
     // All paths formatted together: a few installer calls instead of two a row.
-    std::vector<std::wstring> paths;
-    paths.reserve(rows.size() * 2);
+    FormatRowTexts(session, rows, {&MoveFileRow::source, &MoveFileRow::destination});
     for (const MoveFileRow& row : rows) {
-        paths.push_back(row.source);
-        paths.push_back(row.destination);
-    }
-    paths = session.FormatTexts(paths);
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        MoveFileRow& row = rows[i];
-        row.source = std::move(paths[2 * i]);
-        row.destination = std::move(paths[2 * i + 1]);
         LogInfo(L"Configured move file %s, %s, %s, %s, %s, %d.", row.id, row.component, row.source, row.destination,
                 row.condition, row.attributes);
     }

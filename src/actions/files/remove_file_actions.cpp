@@ -40,12 +40,8 @@ std::optional<std::vector<RemoveFileRow>> ReadRows(const Session& session) {
         rows.push_back(std::move(row));
     });
     if (!exists) return std::nullopt;
-    std::vector<std::wstring> paths;
-    for (const RemoveFileRow& row : rows) paths.push_back(row.path);
-    paths = session.FormatTexts(paths);  // all together: a few installer calls
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        RemoveFileRow& row = rows[i];
-        row.path = std::move(paths[i]);
+    FormatRowTexts(session, rows, {&RemoveFileRow::path});  // all together: a few installer calls
+    for (const RemoveFileRow& row : rows) {
         LogInfo(L"Configured remove files %s, %s, %s, %d, %d, %s.", row.id, row.component, row.path, row.phase,
                 row.attributes, row.condition);
     }

@@ -51,18 +51,9 @@ std::optional<std::vector<XmlFileRow>> ReadRows(const Session& session) {
         rows.push_back(std::move(row));
     });
     if (!exists) return std::nullopt;
-    std::vector<std::wstring> texts;
+    for (XmlFileRow& row : rows) row.xpath = EscapeXPathPredicates(row.xpath);
+    FormatRowTexts(session, rows, {&XmlFileRow::file, &XmlFileRow::xpath, &XmlFileRow::value});
     for (const XmlFileRow& row : rows) {
-        texts.push_back(row.file);
-        texts.push_back(EscapeXPathPredicates(row.xpath));
-        texts.push_back(row.value);
-    }
-    texts = session.FormatTexts(texts);  // all together: a few installer calls
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        XmlFileRow& row = rows[i];
-        row.file = std::move(texts[3 * i]);
-        row.xpath = std::move(texts[3 * i + 1]);
-        row.value = std::move(texts[3 * i + 2]);
         const std::wstring value = (row.attributes & Secret) ? L"***" : row.value;
         LogInfo(L"Configured xml edit %s, %s, %s, %d, %s, %s, %s, %d, %d, %s, %s.", row.id, row.file, row.xpath,
                 row.action, row.name, value, row.namespaces, row.sequence, row.attributes, row.component,

@@ -78,19 +78,8 @@ std::optional<std::vector<RegistryExRow>> ReadRows(const Session& session, Sessi
         ApplyReadingRules(row, reading, log);
         rows.push_back(std::move(row));
     });
-    std::vector<std::wstring> texts;
-    texts.reserve(rows.size() * 4);
-    for (const RegistryExRow& row : rows) {
-        for (const std::wstring* text : {&row.key, &row.name, &row.value, &row.file}) texts.push_back(*text);
-    }
-    texts = session.FormatTexts(texts);
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        RegistryExRow& row = rows[i];
-        row.key = std::move(texts[4 * i]);
-        row.name = std::move(texts[4 * i + 1]);
-        row.value = std::move(texts[4 * i + 2]);
-        row.file = std::move(texts[4 * i + 3]);
-    }
+    FormatRowTexts(session, rows,
+                   {&RegistryExRow::key, &RegistryExRow::name, &RegistryExRow::value, &RegistryExRow::file});
     ResolveComponentStates(rows, components, reading.forceInstall, log);
     return rows;
 }
