@@ -44,6 +44,21 @@ class FaultCase(InstallerCase):
         diff = differences(before, after)
         self.assertEqual(diff, [], "\n".join(diff) + "\n" + log[-3000:])
 
+    def fails_unchanged(self, package, state, mode="/i", log="install.log", line=None, action=None):
+        """Runs `package` (`mode` /i or /x), which must fail, and compares `state`
+        before and after; `line` must be among the lines `action` logged."""
+        before = state.capture()
+        code, text = self.run_msiexec(package, mode, log=log)
+        self.assertEqual(code, 1603, text[-3000:])
+        if line:
+            self.assertIn(line, library_lines(text, action))
+        self.assertUnchanged(before, state.capture(), text)
+        return text
+
+    def install(self, package):
+        code, text = self.run_msiexec(package, "/i")
+        self.assertEqual(code, 0, text[-3000:])
+
 
 class TextFileFaults(FaultCase):
     """Three targets in the install folder: 1.ini and 2.ini exist (old bytes,
@@ -72,17 +87,12 @@ class TextFileFaults(FaultCase):
     def windows(self, name):
         return "C:\\Program Files\\" + self.folder.name + "\\" + name
 
-    def check(self, package, *properties, hold=None, expect_code=1603):
+    def check(self, package, hold=None):
         state = MachineState(self.prefix, [self.folder])
-        before = state.capture()
-        if hold:
-            with HeldFile(self.prefix, self.windows(hold[0]), hold[1]):
-                code, log = self.run_msiexec(package, "/i", *properties)
-        else:
-            code, log = self.run_msiexec(package, "/i", *properties)
-        self.assertEqual(code, expect_code, log[-3000:])
-        self.assertUnchanged(before, state.capture(), log)
-        return log
+        if not hold:
+            return self.fails_unchanged(package, state)
+        with HeldFile(self.prefix, self.windows(hold[0]), hold[1]):
+            return self.fails_unchanged(package, state)
 
     def test_fault_points(self):
         cases = {
@@ -178,23 +188,15 @@ class EventManifestFaults(FaultCase):
                     package.fail_at(AFTER_EVERYTHING)
                 else:
                     self.double.fail_when((WevtutilDouble.command("im", self.paths[1]), 5))
-                state = self.state(package)
-                before = state.capture()
-                code, log = self.run_msiexec(package, "/i", log=f"{case}.log")
-                self.assertEqual(code, 1603, log[-3000:])
-                self.assertUnchanged(before, state.capture(), log)
+                self.fails_unchanged(package, self.state(package), log=f"{case}.log")
                 self.double.fail_when()
 
     def test_uninstall_fails_after_its_deferred_action(self):
         package = self.package("FaultManifestsUninstall").fail_at(3495, 'REMOVE="ALL"')
-        code, log = self.run_msiexec(package, "/i")
-        self.assertEqual(code, 0, log[-3000:])
+        self.install(package)
         state = self.state(package)
-        before = state.capture()
-        self.assertEqual(before["manifests"], sorted(self.paths))
-        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
-        self.assertEqual(code, 1603, log[-3000:])
-        self.assertUnchanged(before, state.capture(), log)
+        self.assertEqual(state.capture()["manifests"], sorted(self.paths))
+        self.fails_unchanged(package, state, "/x", "uninstall.log")
 
     def test_a_manifest_registered_before_the_install_is_unregistered_by_its_rollback(self):
         # A documented limit (docs/EventManifest.md): the immediate action
@@ -257,27 +259,17 @@ class RegistryFaults(FaultCase):
         for case, at in (("after the direct rows", (AFTER_REGISTRY,)), ("at the end", (AFTER_EVERYTHING,))):
             with self.subTest(case=case):
                 package = self.package("FaultRegistry" + case.replace(" ", ""), at=at)
-                state = self.prepare()
-                before = state.capture()
-                code, log = self.run_msiexec(package, "/i", log=case.replace(" ", "") + ".log")
-                self.assertEqual(code, 1603, log[-3000:])
-                self.assertIn("Remove registry key: Key '" + self.key + "\\Doomed'.",
-                              library_lines(log, "InstallRegistryDeferred"))
-                self.assertUnchanged(before, state.capture(), log)
+                self.fails_unchanged(package, self.prepare(), log=case.replace(" ", "") + ".log",
+                                     line="Remove registry key: Key '" + self.key + "\\Doomed'.",
+                                     action="InstallRegistryDeferred")
                 self.reg("delete", self.native, "/f")
 
     def test_uninstall_fails_after_its_removals(self):
         package = self.package("FaultRegistryUninstall", at=(AFTER_REGISTRY_REMOVAL, 'REMOVE="ALL"'))
         self.prepare()
-        code, log = self.run_msiexec(package, "/i")
-        self.assertEqual(code, 0, log[-3000:])
-        state = MachineState(self.prefix, registry_keys=[self.native])
-        before = state.capture()
-        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
-        self.assertEqual(code, 1603, log[-3000:])
-        self.assertIn("Remove registry value: Key '" + self.key + "', Name 'New'.",
-                      library_lines(log, "UninstallRegistryDeferred"))
-        self.assertUnchanged(before, state.capture(), log)
+        self.install(package)
+        self.fails_unchanged(package, MachineState(self.prefix, registry_keys=[self.native]), "/x", "uninstall.log",
+                             "Remove registry value: Key '" + self.key + "', Name 'New'.", "UninstallRegistryDeferred")
 
 
 class MoveFileFaults(FaultCase):
@@ -327,15 +319,10 @@ class MoveFileFaults(FaultCase):
             package.fail_at(fail_at)
         set_rename_value(self.prefix, utf16_hex(FOREIGN))
         state = MachineState(self.prefix, [self.root])
-        before = state.capture()
-        if hold:
-            with HeldFile(self.prefix, f"{self.win}\\{hold}", "none"):
-                code, log = self.run_msiexec(package, "/i")
-        else:
-            code, log = self.run_msiexec(package, "/i")
-        self.assertEqual(code, 1603, log[-3000:])
-        self.assertUnchanged(before, state.capture(), log)
-        return log
+        if not hold:
+            return self.fails_unchanged(package, state)
+        with HeldFile(self.prefix, f"{self.win}\\{hold}", "none"):
+            return self.fails_unchanged(package, state)
 
     def test_install_fails_after_the_moves(self):
         for case, at in (("after the deferred rows", AFTER_MOVE_FILES), ("at the end", AFTER_EVERYTHING)):
@@ -402,14 +389,8 @@ class RemoveFileFaults(FaultCase):
                 package.add_table("RemoveFileEx", rows)
                 package.fail_at(at)
                 set_rename_value(self.prefix, utf16_hex(FOREIGN))
-                state = MachineState(self.prefix, [root])
-                before = state.capture()
-                code, log = self.run_msiexec(package, "/i", log=case.replace(" ", "") + ".log")
-                self.assertEqual(code, 1603, log[-3000:])
-                self.assertIn(f"Remove folder '{win}\\gone'.", library_lines(log, "RemoveFilesExFinalize"))
-                after = state.capture()
-                # A folder comes back without its own times; dir entries carry none.
-                self.assertUnchanged(before, after, log)
+                self.fails_unchanged(package, MachineState(self.prefix, [root]), log=case.replace(" ", "") + ".log",
+                                     line=f"Remove folder '{win}\\gone'.", action="RemoveFilesExFinalize")
 
 
 class CabinetFaults(FaultCase):
@@ -443,25 +424,17 @@ class CabinetFaults(FaultCase):
         for case, at in (("after the extraction", AFTER_CABINETS), ("at the end", AFTER_EVERYTHING)):
             with self.subTest(case=case):
                 package = self.package(("FaultCab" + case.replace(" ", ""))[:48]).fail_at(at)
-                state = self.prepare(package)
-                before = state.capture()
-                code, log = self.run_msiexec(package, "/i", log=case.replace(" ", "") + ".log")
-                self.assertEqual(code, 1603, log[-3000:])
-                self.assertIn(f"Replace file 'C:\\Program Files\\{package.directory}\\data\\ro.txt'.",
-                              library_lines(log, "InstallCabsDeferred"))
-                self.assertUnchanged(before, state.capture(), log)
+                self.fails_unchanged(package, self.prepare(package), log=case.replace(" ", "") + ".log",
+                                     line=f"Replace file 'C:\\Program Files\\{package.directory}\\data\\ro.txt'.",
+                                     action="InstallCabsDeferred")
 
     def test_a_failed_uninstall_puts_every_extracted_file_back(self):
         package = self.package("FaultCabUninstall").fail_at(AFTER_CABINET_REMOVAL, 'REMOVE="ALL"')
         state = self.prepare(package)
-        code, log = self.run_msiexec(package, "/i")
-        self.assertEqual(code, 0, log[-3000:])
-        before = state.capture()
-        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
-        self.assertEqual(code, 1603, log[-3000:])
-        self.assertIn(f"Remove folder 'C:\\Program Files\\{package.directory}\\data\\new\\deep'.",
-                      library_lines(log, "InstallCabsDeferred"))
-        self.assertUnchanged(before, state.capture(), log)
+        self.install(package)
+        self.fails_unchanged(package, state, "/x", "uninstall.log",
+                             f"Remove folder 'C:\\Program Files\\{package.directory}\\data\\new\\deep'.",
+                             "InstallCabsDeferred")
 
 
 class XmlFileFaults(FaultCase):
@@ -500,25 +473,17 @@ class XmlFileFaults(FaultCase):
                 state = self.prepare(win)
                 (self.prefix.host_path(win) / "other.xml").chmod(0o644)  # writable: the edit must happen
                 package = self.package(("FaultXml" + case.replace(" ", ""))[:48], win).fail_at(at)
-                before = state.capture()
-                code, log = self.run_msiexec(package, "/i", log=case.replace(" ", "") + ".log")
-                self.assertEqual(code, 1603, log[-3000:])
-                self.assertIn(f"Create xml file '{win}\\new.xml'.", library_lines(log, "InstallXmlFilesDeferred"))
-                self.assertUnchanged(before, state.capture(), log)
+                self.fails_unchanged(package, state, log=case.replace(" ", "") + ".log",
+                                     line=f"Create xml file '{win}\\new.xml'.", action="InstallXmlFilesDeferred")
 
     def test_a_failed_uninstall_puts_edits_and_records_back(self):
         win = "C:\\xml-fault-uninstall"
         state = self.prepare(win)
         (self.prefix.host_path(win) / "other.xml").chmod(0o644)
         package = self.package("FaultXmlUninstall", win).fail_at(AFTER_XML_UNDO, 'REMOVE="ALL"')
-        code, log = self.run_msiexec(package, "/i")
-        self.assertEqual(code, 0, log[-3000:])
-        before = state.capture()
-        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
-        self.assertEqual(code, 1603, log[-3000:])
-        self.assertIn(f"Take back xml edit 'Gone' in '{win}\\app.config': 1 step(s).",
-                      library_lines(log, "InstallXmlFilesDeferred"))
-        self.assertUnchanged(before, state.capture(), log)
+        self.install(package)
+        self.fails_unchanged(package, state, "/x", "uninstall.log",
+                             f"Take back xml edit 'Gone' in '{win}\\app.config': 1 step(s).", "InstallXmlFilesDeferred")
 
 
 if __name__ == "__main__":

@@ -69,17 +69,9 @@ class MoveFiles(InstallerCase):
         self.assertEqual((self.root / "moved" / "b.txt").read_bytes(), b"new b")
         # A copy keeps the source's times.
         self.assertEqual(int((self.root / "out" / "deep" / "a.txt").stat().st_mtime), OLD_TIME)
+        # The decisions' texts are the plan's tests' business; here the rows as formatted, and the immediate copy.
         immediate = library_lines(log, "MoveFilesEx")
         self.assertIn(f"Configured move file Copy, Main, {w}\\a.txt, {w}\\out\\deep\\a.txt, , 513.", immediate)
-        self.assertIn(f"Need to move files 'Copy', '{w}\\a.txt'->'{w}\\out\\deep\\a.txt'. Component to do 1.",
-                      immediate)
-        self.assertIn(f"Need to move files deferred 'Copy', '{w}\\a.txt'->'{w}\\out\\deep\\a.txt'.", immediate)
-        self.assertIn(f"Skip move files 'Uninstall', '{w}\\c.txt'->'{w}\\uninstall.txt'. "
-                      "Component action 1 is not suitable. ", immediate)
-        self.assertIn(f"Skip move files 'Condition', '{w}\\c.txt'->'{w}\\condition.txt'. Condition is '0'.",
-                      immediate)
-        self.assertIn("The row 'Nowhere' names no phase (0x100, 0x200, 0x400 or 0x800): it is carried out nowhere.",
-                      immediate)
         self.assertIn(f"Copy file '{w}\\c.txt' -> '{w}\\now.txt'.", immediate)
         deferred = library_lines(log, "MoveFilesExDeferred")
         self.assertIn(f"Move file '{w}\\b.txt' -> '{w}\\moved\\b.txt'.", deferred)
@@ -135,8 +127,6 @@ class MoveFiles(InstallerCase):
         ])
         code, log = self.run_msiexec(package, "/i")
         self.assertEqual(code, 0, log[-4000:])
-        self.assertIn("Need to move files deferred from network 'Net', '\\\\nosuchserver\\share\\a.txt'.",
-                      library_lines(log, "MoveFilesEx"))
         # Scheduled under its own name, run by the deferred entry point: the
         # unreachable share fails as a warning there; the local row runs in the other.
         self.assertIn("Action start", log)

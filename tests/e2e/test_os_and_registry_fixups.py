@@ -6,17 +6,16 @@ from properties written as the author meant."""
 import unittest
 
 from machine_state import MachineState, differences, export_key
-from msipackage import ARCH, Package, Prefix, library_lines, properties, scratch_dir
+from msipackage import ARCH, InstallerCase, Package, library_lines, properties
 
 REGISTRY_HEADER = ["Registry\tRoot\tKey\tName\tValue\tComponent_", "s72\ti2\tl255\tL255\tL0\ts72", "Registry\tRegistry"]
 REGISTRY_ACTIONS = [["WriteRegistryValues", "", "5000"], ["RemoveRegistryValues", "", "2600"]]
 
 
-class OsAndRegistry(unittest.TestCase):
+class OsAndRegistry(InstallerCase):
     def setUp(self):
-        self.prefix = Prefix()
-        self.work = scratch_dir(self.id().split(".")[-1])
-        self.key = "Software\\SetupUtilsTest\\" + self.id().split(".")[-1][:30]
+        super().setUp()
+        self.key = "Software\\SetupUtilsTest\\" + self.name[:30]
         self.reg("delete", "HKLM\\" + self.key, "/f")
 
     def tearDown(self):
@@ -26,11 +25,6 @@ class OsAndRegistry(unittest.TestCase):
         # The packages are 64-bit: their values live in the 64-bit view, which
         # a 32-bit reg.exe (the x86 tier's) reaches only when asked to.
         return self.prefix.wine("reg", *args, "/reg:64")
-
-    def install(self, package, *args, log="install.log"):
-        msi = getattr(package, "msi", None) or package.build(self.work)
-        return self.prefix.msiexec(args[0] if args else "/i", self.prefix.windows_path(msi), *args[1:],
-                                   log=self.work / log)
 
     def value(self, name):
         """(type, data) as `reg query` shows them, or None."""
@@ -49,7 +43,7 @@ class OsAndRegistry(unittest.TestCase):
             with self.subTest(version=version):
                 self.prefix.wine("winecfg", "-v", version)
                 try:
-                    code, log = self.install(package, "/i", log=f"{version}.log")
+                    code, log = self.run_msiexec(package, "/i", log=f"{version}.log")
                     self.prefix.wine("msiexec", "/x", self.prefix.windows_path(package.msi), "/qn")
                 finally:
                     self.prefix.wine("winecfg", "-v", "win7")
@@ -76,26 +70,26 @@ class OsAndRegistry(unittest.TestCase):
         # No value before: a failed install leaves none.
         state = MachineState(self.prefix, registry_keys=["HKLM\\" + self.key])
         before = state.capture()
-        code, log = self.install(self.qword_package("QwordFails", fail=True), "/i", log="failing.log")
+        code, log = self.run_msiexec(self.qword_package("QwordFails", fail=True), "/i", log="failing.log")
         self.assertEqual(code, 1603, log[-3000:])
         self.assertEqual(differences(before, state.capture()), [])
         # A value before: the library's rollback writes it back, type and data.
         # Wine's own rollback of WriteRegistryValues then removes the value
         # (Windows restores it): a limit of Wine, not of the library.
         self.reg("add", "HKLM\\" + self.key, "/v", "Big", "/t", "REG_SZ", "/d", "old", "/f")
-        code, log = self.install(self.qword_package("QwordFailsOld", fail=True), "/i", log="failing-old.log")
+        code, log = self.run_msiexec(self.qword_package("QwordFailsOld", fail=True), "/i", log="failing-old.log")
         self.assertEqual(code, 1603, log[-3000:])
         self.assertIn(f"Write registry value: Key '{self.key}', Name 'Big', Value 'old'.",
                       library_lines(log, "FixQwordRegistryRollback"))
 
         package = self.qword_package("Qword")
-        code, log = self.install(package, "/i")
+        code, log = self.run_msiexec(package, "/i")
         self.assertEqual(code, 0, log[-3000:])
         # Wine's `reg query` prints no QWORD data; its export does.
         self.assertIn('"Big"=hex(b):00,f2,05,2a,01,00,00,00', export_key(self.prefix, "HKLM\\" + self.key))
         self.assertIn("Need to write qword registry row 'RegBig'. Component 'Main' to do 1.",
                       library_lines(log, "FixQwordRegistry"))
-        code, log = self.install(package, "/x", log="uninstall.log")
+        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
         self.assertEqual(code, 0, log[-3000:])
         self.assertIsNone(self.value("Big"))
 
@@ -107,15 +101,15 @@ class OsAndRegistry(unittest.TestCase):
         package.use_kit("FixRegistryIntegerProperties").add_property("HEX", "0x1F").add_property("PLUS", "+42")
         package.add_property("BLANK", "8080")
         package.sequence += REGISTRY_ACTIONS
-        code, log = self.install(package, "/i", "BLANK= 8080 ")
+        code, log = self.run_msiexec(package, "/i", "BLANK= 8080 ")
         self.assertEqual(code, 0, log[-3000:])
         self.assertEqual([self.value(n) for n in ("Hex", "Plus", "Blank")],
                          [("REG_DWORD", "0x1f"), ("REG_DWORD", "0x2a"), ("REG_DWORD", "0x1f90")])
         self.assertIn("Property HEX for Registry row 'RegHex': '0x1F' becomes '31'.",
                       library_lines(log, "FixRegistryIntegerProperties"))
-        self.install(package, "/x", log="uninstall.log")
+        self.run_msiexec(package, "/x", log="uninstall.log")
 
-        code, log = self.install(package, "/i", "HEX=5000000000", log="toobig.log")
+        code, log = self.run_msiexec(package, "/i", "HEX=5000000000", log="toobig.log")
         self.assertEqual(code, 1603, log[-3000:])
         self.assertIn("The value '5000000000' of property HEX for Registry row 'RegHex' is not a DWORD: it is out of "
                       "range. Error 0x80070057.", library_lines(log, "FixRegistryIntegerProperties"))

@@ -1,7 +1,7 @@
 import re
 import unittest
 
-from msipackage import InstallerCase, Package, library_lines
+from msipackage import InstallerCase, library_lines
 
 ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
 
@@ -15,19 +15,12 @@ class TextFiles(InstallerCase):
     clears_renames = True
 
     def make(self, rows, table_header=None, **properties):
-        self.count = getattr(self, "count", 0) + 1
-        package = Package(f"{self.name}{self.count}").add_component("Main", [("readme", "readme.txt", "r")])
-        package.use_kit(*ACTIONS)
-        if rows is not None:
-            package.add_table("TextFile", rows)
-            if table_header:
-                package.tables["TextFile"] = (table_header, package.tables["TextFile"][1])
-        for name, value in properties.items():
-            package.add_property(name, value)
+        package = self.table_package("TextFile", rows or [], **properties).use_kit(*ACTIONS)
+        if rows is None:
+            del package.tables["TextFile"]
+        elif table_header:
+            package.tables["TextFile"] = (table_header, package.tables["TextFile"][1])
         return package
-
-    def lines(self, log, action):
-        return library_lines(log, action)
 
     def test_install_writes_formatted_content_and_leaves_no_backup(self):
         package = self.make([
@@ -45,18 +38,18 @@ class TextFiles(InstallerCase):
         self.assertEqual((target / "one.txt").read_bytes(), utf16("single"))
         self.assertEqual(sorted(p.name for p in target.iterdir()),
                          ["[ProductName] notes.txt", "app.ini", "one.txt", "readme.txt"])
-        immediate = self.lines(log, "InstallTextFiles")
+        immediate = library_lines(log, "InstallTextFiles")
         win_target = "C:\\Program Files\\" + package.directory + "\\app.ini"
         self.assertIn("Need to install text line 'L1'. Component 'Main' to do 1.", immediate)
         self.assertIn(f"Configuring text file {win_target}.", immediate)
         self.assertIn(f"The text file {win_target} (0) was successfully configured.", immediate)
         # The logged copy loses its brackets; the file keeps them.
         self.assertTrue(any("section\n" in line or line.endswith("section") for line in log.splitlines()), log)
-        self.assertIn(f"Write to file '{win_target}'.", self.lines(log, "InstallTextFilesDeferred"))
+        self.assertIn(f"Write to file '{win_target}'.", library_lines(log, "InstallTextFilesDeferred"))
         # A name holding brackets is logged as it is, never expanded.
         notes = "C:\\Program Files\\" + package.directory + "\\[ProductName] notes.txt"
-        self.assertIn(f"Write to file '{notes}'.", self.lines(log, "InstallTextFilesDeferred"))
-        self.assertEqual(self.lines(log, "InstallTextFilesCommit")[-1],
+        self.assertIn(f"Write to file '{notes}'.", library_lines(log, "InstallTextFilesDeferred"))
+        self.assertEqual(library_lines(log, "InstallTextFilesCommit")[-1],
                          "InstallTextFilesCommit: finished. Return value 0.")
         # Scheduled in this order, so that a failure inside the deferred action
         # rolls back what it did (Wine logs each scheduling call as an action start).
@@ -122,22 +115,22 @@ class TextFiles(InstallerCase):
         code, log = self.run_msiexec(package, "/i", log="conditions.log")
         self.assertEqual(code, 0, log[-4000:])
         self.assertIn("Skip install text line 'L1', 'NOT_SET_ANYWHERE'. Condition is '0'.",
-                      self.lines(log, "InstallTextFiles"))
-        self.assertEqual(self.lines(log, "InstallTextFilesDeferred"), [])
+                      library_lines(log, "InstallTextFiles"))
+        self.assertEqual(library_lines(log, "InstallTextFilesDeferred"), [])
         self.assertFalse((package.install_dir(self.prefix) / "a.ini").exists())
         self.run_msiexec(package, "/x", log="conditions-x.log")
 
         package = self.make(None)
         code, log = self.run_msiexec(package, "/i", log="notable.log")
         self.assertEqual(code, 0, log[-4000:])
-        self.assertIn("There is no 'TextFile' table.", self.lines(log, "InstallTextFiles"))
+        self.assertIn("There is no 'TextFile' table.", library_lines(log, "InstallTextFiles"))
         self.run_msiexec(package, "/x", log="notable-x.log")
 
         loose = ["TextFile\tFile\tText\tComponent_\tCondition", "s72\ts255\tS0\tS72\tS255", "TextFile\tTextFile"]
         package = self.make([("L1", "[INSTALLDIR]a.ini", "x", "", "")], table_header=loose)
         code, log = self.run_msiexec(package, "/i", log="nocomponent.log")
         self.assertEqual(code, 1603, log[-4000:])
-        immediate = self.lines(log, "InstallTextFiles")
+        immediate = library_lines(log, "InstallTextFiles")
         self.assertIn("The component is empty in L1 Error 0x80004005.", immediate)
         self.assertEqual(immediate[-1], "InstallTextFiles: finished. Return value 1603.")
 
@@ -149,12 +142,12 @@ class TextFiles(InstallerCase):
         target.write_bytes(b"damaged")
         code, log = self.run_msiexec(package, "/i", "REINSTALL=ALL", "REINSTALLMODE=vomus", log="repair.log")
         self.assertEqual(code, 0, log[-4000:])
-        self.assertIn("Need to install text line 'L1'. Component 'Main' to do 3.", self.lines(log, "InstallTextFiles"))
+        self.assertIn("Need to install text line 'L1'. Component 'Main' to do 3.", library_lines(log, "InstallTextFiles"))
         self.assertEqual(target.read_bytes(), utf16("kept"))
         code, log = self.run_msiexec(package, "/x", log="uninstall.log")
         self.assertEqual(code, 0, log[-4000:])
         self.assertIn("Skip install text line 'L1'. Component 'Main' is not marked to install.",
-                      self.lines(log, "InstallTextFiles"))
+                      library_lines(log, "InstallTextFiles"))
         self.assertEqual(target.read_bytes(), utf16("kept"))
 
 

@@ -1,20 +1,16 @@
 import unittest
 
-from msipackage import Package, Prefix, library_lines, properties, scratch_dir
+from msipackage import InstallerCase, Package, library_lines, properties
 
 ACCOUNTS = [("ACCOUNT_LOCALSYSTEM", 22), ("ACCOUNT_LOCALSERVICE", 23), ("ACCOUNT_NETWORKSERVICE", 24),
             ("ACCOUNT_CREATOROWNER", 3), ("ACCOUNT_ADMINISTRATORS", 26), ("ACCOUNT_USERS", 27),
             ("ACCOUNT_GUESTS", 28)]
 
 
-class WellKnownSidsInstall(unittest.TestCase):
+class WellKnownSidsInstall(InstallerCase):
     def test_install_publishes_the_seven_account_names(self):
-        prefix = Prefix()
-        work = scratch_dir("well_known_sids")
         package = Package("wellknownsids").add_component("Main", [("readme", "readme.txt", "hello")])
-        msi = package.use_kit("GetWellKnownSids").build(work)
-
-        code, log = prefix.msiexec("/i", prefix.windows_path(msi), log=work / "install.log")
+        code, log = self.run_msiexec(package.use_kit("GetWellKnownSids"), "/i")
         self.assertEqual(code, 0, log[-3000:])
         lines = library_lines(log, "GetWellKnownSids")
         self.assertEqual(lines[0], "GetWellKnownSids initialized.")
@@ -29,7 +25,7 @@ class WellKnownSidsInstall(unittest.TestCase):
             self.assertFalse(value.startswith("S-1-"), value)  # a name, never a SID string
             self.assertEqual(line, f"Well known sid is '{value}' for type '{sid_type}'.")
 
-        code, log = prefix.msiexec("/x", prefix.windows_path(msi), log=work / "uninstall.log")
+        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
         self.assertEqual(code, 0, log[-3000:])
 
 

@@ -4,7 +4,6 @@
 #include <cstdlib>
 #include <new>
 #include <cstring>
-#include <regex>
 #include <string>
 
 #include "runtime/action_frame.h"
@@ -44,27 +43,6 @@ protected:
     MSIHANDLE Session() { return package_.Session(); }
     TestPackage package_;
 };
-
-TEST_F(ActionFrameTest, WorkThatThrowsNothingReturnsZeroWithPrefixedLines) {
-    MessageCapture capture;
-    const UINT result = RunAction(Session(), "FrameOk", ActionError::None, [](setup::Session&) {
-        LogInfo(L"Copy file '%s' -> '%s'.", L"a", L"b");
-    });
-    EXPECT_EQ(result, 0u);
-    const auto info = capture.Info();
-    ASSERT_GE(info.size(), 3u) << capture.AllInfo();
-    // The installer turns "[\[]" and "[\]]" into plain brackets around the time.
-    const std::wregex shape(LR"(^FrameOk \([0-9a-f]{2,}:[0-9a-f]{4,}\) \[\d\d:\d\d:\d\d:\d\d\d\]: (.*)$)");
-    std::wsmatch match;
-    std::vector<std::wstring> bodies;
-    for (const auto& line : info) {
-        if (std::regex_match(line, match, shape)) bodies.push_back(match[1]);
-    }
-    EXPECT_EQ(bodies, (std::vector<std::wstring>{L"FrameOk initialized.", L"Copy file 'a' -> 'b'.",
-                                                 L"FrameOk: finished. Return value 0."}))
-        << capture.AllInfo();
-    EXPECT_TRUE(capture.Errors().empty());
-}
 
 TEST_F(ActionFrameTest, RunningOutOfMemoryAnywhereReturns1603AndNothingEscapes) {
     // Every allocation the frame makes fails in turn, from the first one in

@@ -79,16 +79,5 @@ TEST(HResult, ConvertsWindowsErrors) {
     EXPECT_EQ(FailureFromWin32(2), static_cast<HResult>(0x80070002));
 }
 
-TEST(Exception, CarriesCodeAndBothMessages) {
-    const Exception e(static_cast<HResult>(0x80070005), L"Access \u00E9.", L"dialog");
-    EXPECT_EQ(e.Code(), static_cast<HResult>(0x80070005));
-    EXPECT_EQ(e.Message(), L"Access \u00E9.");
-    EXPECT_EQ(e.UserMessage(), L"dialog");
-    EXPECT_STREQ(e.what(), "Access ?.");
-    const InstallCanceledException cancel(L"User cancelled installation.");
-    EXPECT_EQ(cancel.Code(), kCanceled);
-    EXPECT_TRUE(cancel.UserMessage().empty());
-}
-
 }  // namespace
 }  // namespace setup
