@@ -19,6 +19,18 @@ using test::WriteBytes;
 
 class FileOperationsTest : public test::ServicesTest {};
 
+TEST_F(FileOperationsTest, WritesUtf16WithByteOrderMarkAndOneCrLfPerLine) {
+    const std::wstring path = dir_.File(L"out.txt");
+    WriteBytes(path, "previous longer content that must be truncated");
+    WriteUtf16File(path, L"a\r\nb\nc[x]\u00E9");
+    EXPECT_EQ(ReadBytes(path), "\xFF\xFE" "a\0\r\0\n\0b\0\r\0\n\0c\0[\0x\0]\0\xE9\0"s);
+    WriteUtf16File(path, L"");
+    EXPECT_EQ(ReadBytes(path), "\xFF\xFE"s);
+    const Exception missing = Thrown([&] { WriteUtf16File(dir_.File(L"missing\\x.txt"), L"x"); });
+    EXPECT_EQ(missing.Message(), L"Failed to write file '" + dir_.File(L"missing\\x.txt") + L"'.");
+    EXPECT_EQ(missing.Code(), static_cast<HResult>(0x80070003));
+}
+
 TEST_F(FileOperationsTest, NewFilesAreCreatedExclusivelyAndNeverOpenWhatExists) {
     NewFile a = CreateStagingFile(dir_.Path(), L"TMP");
     NewFile b = CreateStagingFile(dir_.Path(), L"TMP");
