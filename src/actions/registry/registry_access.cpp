@@ -1,5 +1,6 @@
 #include "actions/registry/registry_access.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "actions/registry/registry_ex_plan.h"
@@ -42,17 +43,64 @@ bool IsWow64() {
     return isWow64 && isWow64(::GetCurrentProcess(), &wow64) && wow64;
 }
 
-void WriteValue(int root, std::wstring_view key, const RegistryValue& value, std::uint32_t view) {
-    const std::wstring path(key);
+namespace {
+
+RegistryKey CreateKeyForValues(int root, const std::wstring& path, std::uint32_t view) {
     RegistryKey handle;
     ThrowIfWin32Error(::RegCreateKeyExW(RootHandle(root), path.c_str(), 0, nullptr, 0, KEY_WRITE | view, nullptr,
                                         handle.Put(), nullptr),
                       L"Failed to create registry key '" + path + L"'.");
+    return handle;
+}
+
+void SetValue(HKEY handle, const std::wstring& path, const RegistryValue& value) {
     const BYTE* data = value.data.empty() ? nullptr : value.data.data();
-    ThrowIfWin32Error(::RegSetValueExW(handle.Get(), value.name.c_str(), 0, value.type, data,
+    ThrowIfWin32Error(::RegSetValueExW(handle, value.name.c_str(), 0, value.type, data,
                                        static_cast<DWORD>(value.data.size())),
                       L"Failed to write registry value: " + Quoted(path, value.name));
     LogInfo(L"Write registry value: Key '%s', Name '%s', Value '%s'.", path, value.name, RenderValue(value));
+}
+
+// The value under an open key, or nothing when it does not exist. The first
+// read goes into a buffer that holds most values, so that a value usually
+// costs one call; the value may also grow between two reads, and a few
+// rounds settle it.
+std::optional<RegistryValue> QueryValue(HKEY handle, const std::wstring& path, std::wstring_view name) {
+    RegistryValue value;
+    value.name = std::wstring(name);
+    value.data.assign(256, 0);
+    for (int round = 0; round < 4; ++round) {
+        DWORD type = 0, bytes = static_cast<DWORD>(value.data.size());
+        const LONG status = ::RegQueryValueExW(handle, value.name.c_str(), nullptr, &type, value.data.data(), &bytes);
+        if (status == ERROR_FILE_NOT_FOUND) return std::nullopt;
+        if (status == ERROR_MORE_DATA) {
+            value.data.assign(std::max<std::size_t>(bytes, value.data.size() * 2), 0);
+            continue;
+        }
+        ThrowIfWin32Error(status, L"Failed to read registry value: " + Quoted(path, name));
+        value.type = type;
+        value.data.resize(bytes);
+        return value;
+    }
+    Throw(HResultFromWin32(ERROR_MORE_DATA), L"Failed to read registry value: " + Quoted(path, name));
+}
+
+}  // namespace
+
+void WriteValue(int root, std::wstring_view key, const RegistryValue& value, std::uint32_t view) {
+    const std::wstring path(key);
+    SetValue(CreateKeyForValues(root, path, view).Get(), path, value);
+}
+
+void RegistryValueWriter::Write(int root, std::wstring_view key, const RegistryValue& value, std::uint32_t view) {
+    if (!handle_ || root != root_ || view != view_ || key != key_) {
+        handle_.Reset();
+        key_ = std::wstring(key);
+        root_ = root;
+        view_ = view;
+        handle_ = CreateKeyForValues(root, key_, view);
+    }
+    SetValue(handle_.Get(), key_, value);
 }
 
 void WriteTextValue(int root, std::wstring_view key, std::wstring_view name, std::wstring_view text,
@@ -77,28 +125,38 @@ std::optional<std::wstring> ReadTextValue(int root, std::wstring_view key, std::
 std::optional<RegistryValue> ReadValue(int root, std::wstring_view key, std::wstring_view name,
                                        std::uint32_t view) {
     const std::wstring path(key);
-    RegistryValue value;
-    value.name = std::wstring(name);
     RegistryKey handle;
-    LONG status = ::RegOpenKeyExW(RootHandle(root), path.c_str(), 0, KEY_QUERY_VALUE | view, handle.Put());
-    if (status == ERROR_FILE_NOT_FOUND || status == ERROR_PATH_NOT_FOUND) return std::nullopt;
+    const LONG status = ::RegOpenKeyExW(RootHandle(root), path.c_str(), 0, KEY_QUERY_VALUE | view, handle.Put());
+    if (NotFound(status)) return std::nullopt;
     ThrowIfWin32Error(status, L"Failed to read registry value: " + Quoted(path, name));
-    // The value may grow between the size query and the read; a few rounds settle it.
-    for (int round = 0; round < 4; ++round) {
-        DWORD type = 0, bytes = 0;
-        status = ::RegQueryValueExW(handle.Get(), value.name.c_str(), nullptr, &type, nullptr, &bytes);
-        if (status == ERROR_FILE_NOT_FOUND) return std::nullopt;
-        ThrowIfWin32Error(status, L"Failed to read registry value: " + Quoted(path, name));
-        value.data.assign(bytes, 0);
-        status = ::RegQueryValueExW(handle.Get(), value.name.c_str(), nullptr, &type,
-                                    value.data.empty() ? nullptr : value.data.data(), &bytes);
-        if (status == ERROR_MORE_DATA) continue;
-        ThrowIfWin32Error(status, L"Failed to read registry value: " + Quoted(path, name));
-        value.type = type;
-        value.data.resize(bytes);
-        return value;
+    return QueryValue(handle.Get(), path, name);
+}
+
+RegistrySnapshotReader::Opened& RegistrySnapshotReader::Open(int root, std::wstring_view key, std::uint32_t view) {
+    auto where = keys_.find(std::make_tuple(root, key, view));
+    if (where != keys_.end()) return where->second;
+    if (keys_.size() >= kMaxOpenKeys) keys_.clear();
+    const std::wstring path(key);
+    Opened opened;
+    opened.status = OpenKey(root, path, KEY_READ, view, opened.handle);
+    return keys_.emplace(std::make_tuple(root, path, view), std::move(opened)).first->second;
+}
+
+int RegistrySnapshotReader::ExistingDepth(int root, std::wstring_view key, std::uint32_t view) {
+    Opened& opened = Open(root, key, view);
+    if (opened.depth < 0) {
+        opened.depth = opened.status == ERROR_SUCCESS ? KeyDepth(key) : setup::ExistingDepth(root, key, view);
     }
-    Throw(HResultFromWin32(ERROR_MORE_DATA), L"Failed to read registry value: " + Quoted(path, name));
+    return opened.depth;
+}
+
+std::optional<RegistryValue> RegistrySnapshotReader::Value(int root, std::wstring_view key, std::wstring_view name,
+                                                           std::uint32_t view) {
+    const std::wstring path(key);
+    const Opened& opened = Open(root, key, view);
+    if (NotFound(opened.status)) return std::nullopt;
+    ThrowIfWin32Error(opened.status, L"Failed to read registry value: " + Quoted(path, name));
+    return QueryValue(opened.handle.Get(), path, name);
 }
 
 void DeleteValue(int root, std::wstring_view key, std::wstring_view name, std::uint32_t view) {
@@ -117,6 +175,42 @@ void DeleteValue(int root, std::wstring_view key, std::wstring_view name, std::u
         LogInfo(L"Failed to remove registry value: Key '%s', Name '%s'. Error 0x%x.", path, value,
                 FailureFromWin32(static_cast<DWORD>(status)));
     }
+}
+
+void RegistryValueRemover::Remove(int root, std::wstring_view key, std::wstring_view name, std::uint32_t view,
+                                  int keep) {
+    const std::wstring value(name);
+    if (!handle_ || root != root_ || view != view_ || key != key_) {
+        handle_.Reset();
+        key_ = std::wstring(key);
+        root_ = root;
+        view_ = view;
+        LONG status = OpenKey(root, key_, KEY_SET_VALUE | KEY_QUERY_VALUE, view, handle_);
+        // Without the right to look into the key, the clean-up below finds out for itself.
+        if (status == ERROR_ACCESS_DENIED) status = OpenKey(root, key_, KEY_SET_VALUE, view, handle_);
+        if (status != ERROR_SUCCESS) {
+            LogInfo(L"Failed to open registry key '%s'. Error 0x%x.", key_, Failure(status));
+            RemoveEmptyKeys(root, key_, view, keep);
+            return;
+        }
+    }
+    const LONG status = ::RegDeleteValueW(handle_.Get(), value.c_str());
+    if (status == ERROR_SUCCESS) {
+        LogInfo(L"Remove registry value: Key '%s', Name '%s'.", key_, value);
+    } else if (status != ERROR_FILE_NOT_FOUND) {
+        LogInfo(L"Failed to remove registry value: Key '%s', Name '%s'. Error 0x%x.", key_, value, Failure(status));
+    }
+    if (keep > 0 && KeyDepth(key_) <= keep) return;  // the clean-up would stop at once
+    // A key that still holds something stops the clean-up at once too; only
+    // an emptied key (or one that cannot be looked into) goes to it.
+    DWORD subkeys = 0, values = 0;
+    if (::RegQueryInfoKeyW(handle_.Get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values, nullptr,
+                           nullptr, nullptr, nullptr) == ERROR_SUCCESS &&
+        (subkeys || values)) {
+        return;
+    }
+    handle_.Reset();
+    RemoveEmptyKeys(root, key_, view, keep);
 }
 
 void CreateKey(int root, std::wstring_view key, std::uint32_t view) {

@@ -4,12 +4,16 @@
 // into the access asked for. Missing keys and values are results, not
 // exceptions; other failures throw setup::Exception with the texts given.
 
+#include <functional>
+#include <map>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <string_view>
 #include <vector>
 
 #include "actions/registry/registry_value.h"
+#include "runtime/unique_handle.h"
 #include "runtime/win32.h"
 
 namespace setup {
@@ -74,5 +78,56 @@ std::vector<std::wstring> CollectKeyTree(int root, std::wstring_view key, std::u
 
 // How many leading components of `key` exist: KeyDepth(key) when the key does.
 int ExistingDepth(int root, std::wstring_view key, std::uint32_t view);
+
+// Every registry call of an action is a round trip to the system (under Wine,
+// to its server), so the classes below serve a run of rows through one open
+// key instead of an open, the call and a close for each row.
+
+// Reads the registry as it stands at one moment, the capture before a change:
+// each key is opened once (for reading) and held while the reader lives. As
+// ExistingDepth and ReadValue, with the same texts.
+class RegistrySnapshotReader {
+public:
+    int ExistingDepth(int root, std::wstring_view key, std::uint32_t view);
+    std::optional<RegistryValue> Value(int root, std::wstring_view key, std::wstring_view name, std::uint32_t view);
+
+private:
+    struct Opened {
+        LONG status = ERROR_SUCCESS;
+        RegistryKey handle;
+        int depth = -1;  // not asked yet
+    };
+    static constexpr std::size_t kMaxOpenKeys = 1024;
+    Opened& Open(int root, std::wstring_view key, std::uint32_t view);
+    std::map<std::tuple<int, std::wstring, std::uint32_t>, Opened, std::less<>> keys_;
+};
+
+// Writes values as WriteValue does, keeping the last key open for the next
+// value of the same key.
+class RegistryValueWriter {
+public:
+    void Write(int root, std::wstring_view key, const RegistryValue& value, std::uint32_t view);
+
+private:
+    RegistryKey handle_;
+    std::wstring key_;
+    int root_ = 0;
+    std::uint32_t view_ = 0;
+};
+
+// Removes values as DeleteValue followed by RemoveEmptyKeys(keep) does, with
+// the same log lines, keeping the last key open for the next value of the same
+// key. Close() before anything else changes the keys. Never throws.
+class RegistryValueRemover {
+public:
+    void Remove(int root, std::wstring_view key, std::wstring_view name, std::uint32_t view, int keep);
+    void Close() { handle_.Reset(); }
+
+private:
+    RegistryKey handle_;
+    std::wstring key_;
+    int root_ = 0;
+    std::uint32_t view_ = 0;
+};
 
 }  // namespace setup

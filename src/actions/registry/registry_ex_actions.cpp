@@ -101,11 +101,11 @@ int LocateComponent(const Session& session, const std::wstring& component) {
 class MachineRegistry final : public RegistryReader {
 public:
     int ExistingDepth(int root, const std::wstring& key, std::uint32_t view) override {
-        return setup::ExistingDepth(root, key, view);
+        return snapshot_.ExistingDepth(root, key, view);
     }
     std::optional<RegistryValue> Value(int root, const std::wstring& key, const std::wstring& name,
                                        std::uint32_t view) override {
-        return ReadValue(root, key, name, view);
+        return snapshot_.Value(root, key, name, view);
     }
     std::vector<std::pair<std::wstring, std::vector<RegistryValue>>> Tree(int root, const std::wstring& key,
                                                                           std::uint32_t view) override {
@@ -116,6 +116,9 @@ public:
         }
         return tree;
     }
+
+private:
+    RegistrySnapshotReader snapshot_;
 };
 
 // Schedules the direct rows: rollback with what the registry holds now (for
@@ -206,9 +209,16 @@ void ApplyRows(const Session& session, bool strict) {
     const auto byKey = [](const RegistryExRow& a, const RegistryExRow& b) { return a.key < b.key; };
     std::stable_sort(removals.begin(), removals.end(), byKey);
     std::stable_sort(writes.begin(), writes.end(), byKey);
+    RegistryValueRemover remover;
     for (const RegistryExRow& row : removals) {
         const std::uint32_t view = RowView(row);
-        switch (RowKeyMarker(row)) {
+        const KeyMarker marker = RowKeyMarker(row);
+        if (marker == KeyMarker::None) {
+            remover.Remove(row.root, row.key, row.name, view, row.keep);
+            continue;
+        }
+        remover.Close();
+        switch (marker) {
         case KeyMarker::Key:
         case KeyMarker::Remove:
         case KeyMarker::CreateAndRemove: {
@@ -220,16 +230,14 @@ void ApplyRows(const Session& session, bool strict) {
             break;
         }
         case KeyMarker::Create: RemoveEmptyKeys(row.root, row.key, view, row.keep); break;
-        case KeyMarker::None:
-            DeleteValue(row.root, row.key, row.name, view);
-            RemoveEmptyKeys(row.root, row.key, view, row.keep);
-            break;
+        case KeyMarker::None: break;
         }
     }
+    RegistryValueWriter writer;
     for (const RegistryExRow& row : writes) {
         const auto write = [&] {
             if (RowKeyMarker(row) != KeyMarker::None) CreateKey(row.root, row.key, RowView(row));
-            else WriteValue(row.root, row.key, ParseValueNotation(row.name, row.value), RowView(row));
+            else writer.Write(row.root, row.key, ParseValueNotation(row.name, row.value), RowView(row));
         };
         if (strict) write();
         else Leniently(write);

@@ -86,5 +86,38 @@ TEST_F(RegistryAccessTest, RemovalsCleanUpEmptyKeysUpToTheFirstOneInUse) {
     EXPECT_EQ(RemoveKeyTree(2, Key(L"T"), 0), ERROR_SUCCESS);  // gone already: no failure
 }
 
+TEST_F(RegistryAccessTest, RunsOfRowsThroughOneOpenKeyActAsSingleCalls) {
+    // The snapshot reads what a value holds, however long, and what is missing.
+    const RegistryValue big = ParseValueNotation(L"big", std::wstring(700, L'x'));
+    WriteValue(2, Key(L"R"), big, 0);
+    RegistrySnapshotReader snapshot;
+    EXPECT_EQ(snapshot.Value(2, Key(L"R"), L"big", 0), big);
+    EXPECT_EQ(snapshot.Value(2, Key(L"R"), L"none", 0), std::nullopt);
+    EXPECT_EQ(snapshot.Value(2, Key(L"None"), L"v", 0), std::nullopt);
+    EXPECT_EQ(snapshot.ExistingDepth(2, Key(L"R\\S\\T"), 0), 4);
+    EXPECT_EQ(snapshot.ExistingDepth(2, Key(L"R"), 0), 4);
+
+    RegistryValueWriter writer;
+    for (const wchar_t* name : {L"a", L"b"}) writer.Write(2, Key(L"W\\X"), ParseValueNotation(name, name), 0);
+    writer.Write(2, Key(L"W"), ParseValueNotation(L"c", L"#1"), 0);
+    EXPECT_EQ(GetValues(2, Key(L"W\\X"), 0).size(), 2u);
+
+    // The key goes with its last value, and its empty parent down to `keep`; a
+    // later value of the key finds it gone, as the single calls did.
+    RegistryValueRemover remover;
+    const std::wstring log = Logged([&] {
+        remover.Remove(2, Key(L"W\\X"), L"a", 0, 0);
+        EXPECT_EQ(ExistingDepth(2, Key(L"W\\X"), 0), 5);
+        remover.Remove(2, Key(L"W\\X"), L"b", 0, 0);
+        remover.Remove(2, Key(L"W\\X"), L"b", 0, 0);
+        remover.Remove(2, Key(L"W"), L"c", 0, 4);
+    });
+    EXPECT_NE(log.find(L"Removed empty registry key '" + Key(L"W\\X") + L"'."), std::wstring::npos) << log;
+    EXPECT_NE(log.find(L"Failed to open registry key '" + Key(L"W\\X") + L"'. Error 0x80070002."),
+              std::wstring::npos) << log;
+    EXPECT_EQ(CollectKeyTree(2, Key(L"W"), 0), std::vector<std::wstring>{Key(L"W")});
+    EXPECT_EQ(GetValues(2, Key(L"W"), 0), std::vector<RegistryValue>{});
+}
+
 }  // namespace
 }  // namespace setup
