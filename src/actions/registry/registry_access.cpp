@@ -92,15 +92,18 @@ void WriteValue(int root, std::wstring_view key, const RegistryValue& value, std
     SetValue(CreateKeyForValues(root, path, view).Get(), path, value);
 }
 
+bool OpenKeyRun::Continues(int root, std::wstring_view key, std::uint32_t view) {
+    if (handle && root == this->root && view == this->view && key == this->key) return true;
+    handle.Reset();
+    this->key = std::wstring(key);
+    this->root = root;
+    this->view = view;
+    return false;
+}
+
 void RegistryValueWriter::Write(int root, std::wstring_view key, const RegistryValue& value, std::uint32_t view) {
-    if (!handle_ || root != root_ || view != view_ || key != key_) {
-        handle_.Reset();
-        key_ = std::wstring(key);
-        root_ = root;
-        view_ = view;
-        handle_ = CreateKeyForValues(root, key_, view);
-    }
-    SetValue(handle_.Get(), key_, value);
+    if (!run_.Continues(root, key, view)) run_.handle = CreateKeyForValues(root, run_.key, view);
+    SetValue(run_.handle.Get(), run_.key, value);
 }
 
 void WriteTextValue(int root, std::wstring_view key, std::wstring_view name, std::wstring_view text,
@@ -180,37 +183,34 @@ void DeleteValue(int root, std::wstring_view key, std::wstring_view name, std::u
 void RegistryValueRemover::Remove(int root, std::wstring_view key, std::wstring_view name, std::uint32_t view,
                                   int keep) {
     const std::wstring value(name);
-    if (!handle_ || root != root_ || view != view_ || key != key_) {
-        handle_.Reset();
-        key_ = std::wstring(key);
-        root_ = root;
-        view_ = view;
-        LONG status = OpenKey(root, key_, KEY_SET_VALUE | KEY_QUERY_VALUE, view, handle_);
+    const std::wstring& path = run_.key;
+    if (!run_.Continues(root, key, view)) {
+        LONG status = OpenKey(root, path, KEY_SET_VALUE | KEY_QUERY_VALUE, view, run_.handle);
         // Without the right to look into the key, the clean-up below finds out for itself.
-        if (status == ERROR_ACCESS_DENIED) status = OpenKey(root, key_, KEY_SET_VALUE, view, handle_);
+        if (status == ERROR_ACCESS_DENIED) status = OpenKey(root, path, KEY_SET_VALUE, view, run_.handle);
         if (status != ERROR_SUCCESS) {
-            LogInfo(L"Failed to open registry key '%s'. Error 0x%x.", key_, Failure(status));
-            RemoveEmptyKeys(root, key_, view, keep);
+            LogInfo(L"Failed to open registry key '%s'. Error 0x%x.", path, Failure(status));
+            RemoveEmptyKeys(root, path, view, keep);
             return;
         }
     }
-    const LONG status = ::RegDeleteValueW(handle_.Get(), value.c_str());
+    const LONG status = ::RegDeleteValueW(run_.handle.Get(), value.c_str());
     if (status == ERROR_SUCCESS) {
-        LogInfo(L"Remove registry value: Key '%s', Name '%s'.", key_, value);
+        LogInfo(L"Remove registry value: Key '%s', Name '%s'.", path, value);
     } else if (status != ERROR_FILE_NOT_FOUND) {
-        LogInfo(L"Failed to remove registry value: Key '%s', Name '%s'. Error 0x%x.", key_, value, Failure(status));
+        LogInfo(L"Failed to remove registry value: Key '%s', Name '%s'. Error 0x%x.", path, value, Failure(status));
     }
-    if (keep > 0 && KeyDepth(key_) <= keep) return;  // the clean-up would stop at once
+    if (keep > 0 && KeyDepth(path) <= keep) return;  // the clean-up would stop at once
     // A key that still holds something stops the clean-up at once too; only
     // an emptied key (or one that cannot be looked into) goes to it.
     DWORD subkeys = 0, values = 0;
-    if (::RegQueryInfoKeyW(handle_.Get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values, nullptr,
+    if (::RegQueryInfoKeyW(run_.handle.Get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values, nullptr,
                            nullptr, nullptr, nullptr) == ERROR_SUCCESS &&
         (subkeys || values)) {
         return;
     }
-    handle_.Reset();
-    RemoveEmptyKeys(root, key_, view, keep);
+    run_.handle.Reset();
+    RemoveEmptyKeys(root, path, view, keep);
 }
 
 void CreateKey(int root, std::wstring_view key, std::uint32_t view) {

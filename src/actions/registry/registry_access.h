@@ -102,6 +102,18 @@ private:
     std::map<std::tuple<int, std::wstring, std::uint32_t>, Opened, std::less<>> keys_;
 };
 
+// The key a run of rows goes through: its name and, while open, its handle.
+class OpenKeyRun {
+public:
+    // True when the key is (root, key, view) and open; otherwise closes the
+    // handle and names the new key, for the caller to open.
+    bool Continues(int root, std::wstring_view key, std::uint32_t view);
+    RegistryKey handle;
+    std::wstring key;
+    int root = 0;
+    std::uint32_t view = 0;
+};
+
 // Writes values as WriteValue does, keeping the last key open for the next
 // value of the same key.
 class RegistryValueWriter {
@@ -109,10 +121,7 @@ public:
     void Write(int root, std::wstring_view key, const RegistryValue& value, std::uint32_t view);
 
 private:
-    RegistryKey handle_;
-    std::wstring key_;
-    int root_ = 0;
-    std::uint32_t view_ = 0;
+    OpenKeyRun run_;
 };
 
 // Removes values as DeleteValue followed by RemoveEmptyKeys(keep) does, with
@@ -121,13 +130,10 @@ private:
 class RegistryValueRemover {
 public:
     void Remove(int root, std::wstring_view key, std::wstring_view name, std::uint32_t view, int keep);
-    void Close() { handle_.Reset(); }
+    void Close() { run_.handle.Reset(); }
 
 private:
-    RegistryKey handle_;
-    std::wstring key_;
-    int root_ = 0;
-    std::uint32_t view_ = 0;
+    OpenKeyRun run_;
 };
 
 }  // namespace setup
