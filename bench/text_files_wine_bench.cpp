@@ -18,10 +18,26 @@ namespace {
 
 double Ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
 
+// The component Main of the feature Main, whose state the action reads.
+void AddMainComponent(test::TestPackage& package) {
+    package.Sql(L"CREATE TABLE `Component` (`Component` CHAR(72) NOT NULL, `ComponentId` CHAR(38), "
+                L"`Directory_` CHAR(72) NOT NULL, `Attributes` SHORT NOT NULL, `Condition` CHAR(255), "
+                L"`KeyPath` CHAR(72) PRIMARY KEY `Component`)");
+    package.Sql(L"CREATE TABLE `Feature` (`Feature` CHAR(38) NOT NULL, `Feature_Parent` CHAR(38), `Title` CHAR(64), "
+                L"`Description` CHAR(255), `Display` SHORT, `Level` SHORT NOT NULL, `Directory_` CHAR(72), "
+                L"`Attributes` SHORT NOT NULL PRIMARY KEY `Feature`)");
+    package.Sql(L"CREATE TABLE `FeatureComponents` (`Feature_` CHAR(38) NOT NULL, `Component_` CHAR(72) NOT NULL "
+                L"PRIMARY KEY `Feature_`, `Component_`)");
+    package.Sql(L"INSERT INTO `Feature` (`Feature`, `Level`, `Attributes`) VALUES ('Main', 1, 0)");
+    package.Sql(L"INSERT INTO `Component` (`Component`, `ComponentId`, `Directory_`, `Attributes`) VALUES "
+                L"('Main', '{5E1D2C3B-4A59-4687-9A0B-C1D2E3F40516}', 'TARGETDIR', 0)");
+    package.Sql(L"INSERT INTO `FeatureComponents` (`Feature_`, `Component_`) VALUES ('Main', 'Main')");
+}
+
 void Run(int rows, int files) {
     test::TestPackage package;
     test::TempDir dir;
-    package.AddComponent(L"Main", L"{5E1D2C3B-4A59-4687-9A0B-C1D2E3F40516}");
+    AddMainComponent(package);
     package.Sql(L"CREATE TABLE `TextFile` (`TextFile` CHAR(72) NOT NULL, `File` CHAR(255) NOT NULL, "
                 L"`Text` LONGCHAR, `Component_` CHAR(72) NOT NULL, `Condition` CHAR(255) PRIMARY KEY `TextFile`)");
     package.Sql(L"CREATE TABLE `CustomAction` (`Action` CHAR(72) NOT NULL, `Type` SHORT NOT NULL, "
@@ -36,7 +52,7 @@ void Run(int rows, int files) {
                     L"', 'line " + std::to_wstring(i) + L": [ProductName] writes this generated setting', 'Main')");
     }
     const MSIHANDLE session = package.Open();
-    package.Cost();
+    for (const wchar_t* action : {L"CostInitialize", L"FileCost", L"CostFinalize"}) ::MsiDoActionW(session, action);
     ::MsiSetComponentStateW(session, L"Main", INSTALLSTATE_LOCAL);
 
     test::MessageCapture quiet;  // the installer log is not what is measured here

@@ -29,23 +29,60 @@ SESSION_MANAGER = r"HKLM\SYSTEM\CurrentControlSet\Control\Session Manager"
 RENAMES = "PendingFileRenameOperations"
 
 
-def export_key(prefix, key):
-    """The `reg export` text of `key` (continuation lines joined), or None when absent."""
+OLD_TIME = 1_500_000_000  # a last-write time no write of today can produce
+
+
+def old_file(path, data, mode=None):
+    """Writes `path` (and its folders) with `data`, the last-write time OLD_TIME and `mode`."""
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_bytes(data)
+    if mode is not None:
+        os.chmod(path, mode)
+    os.utime(path, (OLD_TIME, OLD_TIME))
+    return path
+
+
+def fresh_folder(path):
+    """`path` emptied (or made): a scratch folder of a test."""
+    shutil.rmtree(path, ignore_errors=True)
+    path.mkdir(parents=True)
+    return path
+
+
+def export_key(prefix, key, exists=False):
+    """The `reg export` text of `key` (continuation lines joined), or None when absent.
+    A key that `exists` is asked for up to three times: under load (two tiers side
+    by side) an export has come back empty once."""
     work = Path(tempfile.mkdtemp(prefix="reg-", dir=BUILD))
     try:
         out = work / "key.reg"
-        # The 64-bit view, whichever reg.exe runs (the x86 tier's is 32-bit).
-        prefix.wine("reg", "export", key, prefix.windows_path(out), "/y", "/reg:64")
-        if not out.exists():
-            return None
-        return read_log(out).replace("\\\r\n", "").replace("\\\n", "")
+        for _ in range(3 if exists else 1):
+            # The 64-bit view, whichever reg.exe runs (the x86 tier's is 32-bit).
+            result = prefix.wine("reg", "export", key, prefix.windows_path(out), "/y", "/reg:64")
+            if out.exists():
+                return read_log(out).replace("\\\r\n", "").replace("\\\n", "")
+        assert not exists, f"reg export of {key} failed: {result.returncode} {result.stdout} {result.stderr}"
+        return None
     finally:
         shutil.rmtree(work, ignore_errors=True)
 
 
+def registry_values(prefix, key):
+    """{key: {value name ('@' for the default): data as exported}} for `key` and the keys below it."""
+    keys, current = {}, None
+    for line in (export_key(prefix, key) or "").splitlines():
+        if line.startswith("[") and line.endswith("]"):
+            current = keys.setdefault(line[1:-1].replace("HKEY_LOCAL_MACHINE\\", "HKLM\\", 1), {})
+        elif current is not None and "=" in line:
+            match = re.match(r'^(@|"(?:[^"\\]|\\.)*")=(.*)$', line)
+            if match:
+                current[match.group(1).strip('"')] = re.sub(r",\s+", ",", match.group(2))
+    return keys
+
+
 def rename_value(prefix):
     """The rename list's exported line (type and every byte), or None when there is no value."""
-    text = export_key(prefix, SESSION_MANAGER) or ""
+    text = export_key(prefix, SESSION_MANAGER, exists=True)
     match = re.search(r'^"' + RENAMES + r'"=(.*)$', text, re.M)
     return match.group(1).replace(" ", "") if match else None
 
@@ -71,12 +108,14 @@ def set_rename_value(prefix, data, type_code=7):
         path.write_bytes(b"\xff\xfe" + text.encode("utf-16-le"))
         prefix.clear_pending_renames()
         # `reg import` failed once in many runs on a loaded machine, saying
-        # nothing; a second try has always gone through. Three tries, then a failure.
+        # nothing; a second try has always gone through. Three tries, each
+        # checked by reading the value back, then a failure.
         for _ in range(3):
             result = prefix.wine("reg", "import", prefix.windows_path(path))
-            if result.returncode == 0:
+            if result.returncode == 0 and rename_value(prefix) is not None:
                 break
-        assert result.returncode == 0, (result.returncode, result.stdout, result.stderr)
+        assert result.returncode == 0 and rename_value(prefix) is not None, \
+            (result.returncode, result.stdout, result.stderr)
     finally:
         shutil.rmtree(work, ignore_errors=True)
 
@@ -209,6 +248,13 @@ class WevtutilDouble:
 
     def restore(self):
         shutil.copyfile(self.saved, self.tool)
+
+    def __enter__(self):
+        return self.install()
+
+    def __exit__(self, *exc):
+        self.restore()
+        return False
 
     def use_in(self, prefix):
         """Prefers the double in `prefix`'s environment and starts with no calls and no rules."""

@@ -97,10 +97,12 @@ class Prefix:
         work = Path(tempfile.mkdtemp(prefix="reg-", dir=BUILD))
         try:
             out = work / "sm.reg"
-            self.wine("reg", "export", r"HKLM\SYSTEM\CurrentControlSet\Control\Session Manager",
-                      self.windows_path(out), "/y")
-            if not out.exists():
-                return []
+            for _ in range(3):  # the key always exists: an export without a file is a hiccup under load
+                self.wine("reg", "export", r"HKLM\SYSTEM\CurrentControlSet\Control\Session Manager",
+                          self.windows_path(out), "/y")
+                if out.exists():
+                    break
+            assert out.exists(), "reg export of the Session Manager key failed three times"
             text = read_log(out).replace("\\\r\n", "").replace("\\\n", "")
             match = re.search(r'^"PendingFileRenameOperations"=hex\(7\):([0-9a-fA-F,\s]*)$', text, re.M)
             if not match:
@@ -296,7 +298,8 @@ class Package:
 
 
 def scratch_dir(test_name):
-    path = BUILD / "e2e" / test_name
+    # One tree per architecture: the x64 and x86 tiers may run side by side (ctest -j).
+    path = BUILD / "e2e" / ARCH / test_name
     shutil.rmtree(path, ignore_errors=True)
     path.mkdir(parents=True)
     return path
@@ -323,6 +326,12 @@ class InstallerCase(unittest.TestCase):
     def run_msiexec(self, package, mode, *args, log="install.log"):
         msi = getattr(package, "msi", None) or package.build(self.work)
         return self.prefix.msiexec(mode, self.prefix.windows_path(msi), *args, log=self.work / log)
+
+    def run_expecting(self, code, package, mode, *args, log="install.log"):
+        """Runs msiexec, checks its exit code and returns the log's text."""
+        got, text = self.run_msiexec(package, mode, *args, log=log)
+        self.assertEqual(got, code, text[-4000:])
+        return text
 
     def table_package(self, table, rows, name=None, files=(("readme", "readme.txt", "r"),), fail_at=None,
                       **properties):

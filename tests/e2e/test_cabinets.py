@@ -41,8 +41,7 @@ class Cabinets(InstallerCase):
         data = root / "data"
         data.mkdir(parents=True)
         (data / "keep.txt").write_bytes(b"mine")
-        code, log = self.run_msiexec(package, "/i", log="install.log")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, package, "/i", log="install.log")
         for name, content, *_ in entries()[:-1]:
             self.assertEqual((data / name.replace("\\", os.sep)).read_bytes(), content, name)
         self.assertEqual((data / "keep.txt").read_bytes(), b"mine")  # not overwritten without 0x1
@@ -56,8 +55,7 @@ class Cabinets(InstallerCase):
         self.assertIn(package.product_code, self.prefix.reg_query(RECORDS + "\\" + package.product_code) or "")
 
         (data / "sub" / "user.txt").write_bytes(b"added by the user")
-        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, package, "/x", log="uninstall.log")
         self.assertEqual(self.tree(data), ["keep.txt", "sub", "sub\\user.txt"])
         self.assertIn(f"Remove folder '{win}\\long'.", library_lines(log, "InstallCabsDeferred"))
         self.assertIsNone(self.prefix.reg_query(RECORDS + "\\" + package.product_code))
@@ -72,16 +70,13 @@ class Cabinets(InstallerCase):
         old, new = (self.package([("Data", "[INSTALLDIR]payload.cab", "C:\\cabshared", 0)], cab, name=f"CabShared{n}")
                     for n in (1, 2))
         for package in (old, new):
-            code, log = self.run_msiexec(package, "/i", log=f"install-{package.name}.log")
-            self.assertEqual(code, 0, log[-3000:])
+            log = self.run_expecting(0, package, "/i", log=f"install-{package.name}.log")
         self.assertIn("Replace file 'C:\\cabshared\\a.txt'.", library_lines(log, "InstallCabsDeferred"))
-        code, log = self.run_msiexec(old, "/x", log="uninstall-old.log")
-        self.assertEqual(code, 0, log[-3000:])
+        log = self.run_expecting(0, old, "/x", log="uninstall-old.log")
         self.assertIn("Leave 'C:\\cabshared\\a.txt' in place: the cabinet of another product placed it too.",
                       library_lines(log, "InstallCabsDeferred"))
         self.assertEqual(self.tree(shared), ["a.txt", "sub", "sub\\b.bin", "sub\\deeper", "sub\\deeper\\c.txt"])
-        code, log = self.run_msiexec(new, "/x", log="uninstall-new.log")
-        self.assertEqual(code, 0, log[-3000:])
+        log = self.run_expecting(0, new, "/x", log="uninstall-new.log")
         self.assertFalse(shared.exists())
 
     def test_refused_names_corrupt_and_missing_cabinets(self):
@@ -97,8 +92,7 @@ class Cabinets(InstallerCase):
                 ("Good", "[INSTALLDIR]good.cab", "[INSTALLDIR]good", OVERWRITE | DELETE_CAB | PER_USER)]
         package = self.package(rows, cabinets)
         root = package.install_dir(self.prefix)
-        code, log = self.run_msiexec(package, "/i", log="install.log")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, package, "/i", log="install.log")
         warnings = [line for line in library_lines(log, "InstallCabsDeferred") if line.startswith("Warning: ")]
         win = f"C:\\Program Files\\{package.directory}"
         self.assertEqual(sorted(warnings), sorted([
@@ -120,8 +114,7 @@ class Cabinets(InstallerCase):
 
         strict = self.package([("Evil", "[INSTALLDIR]evil.cab", "[INSTALLDIR]evil", 0)], {"evil.cab": evil},
                               name=self.name[:30] + "Strict")
-        code, log = self.run_msiexec(strict, "/i", log="strict.log")
-        self.assertEqual(code, 1603, log[-4000:])
+        log = self.run_expecting(1603, strict, "/i", log="strict.log")
         self.assertFalse(strict.install_dir(self.prefix).exists())
         self.assertTrue(any("Refused to extract '..\\evil.txt'" in line for line in log.splitlines()), log[-3000:])
 

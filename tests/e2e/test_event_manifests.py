@@ -12,11 +12,7 @@ command = WevtutilDouble.command
 class EventManifests(InstallerCase):
     @classmethod
     def setUpClass(cls):
-        cls.double = WevtutilDouble(Prefix(), scratch_dir("wevtutil-original")).install()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.double.restore()
+        cls.double = cls.enterClassContext(WevtutilDouble(Prefix(), scratch_dir("wevtutil-original")))
 
     def setUp(self):
         super().setUp()
@@ -37,8 +33,7 @@ class EventManifests(InstallerCase):
 
     def test_install_registers_in_table_order_repair_reregisters_and_uninstall_unregisters(self):
         package = self.make()
-        code, log = self.run_msiexec(package, "/i", log="install.log")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, package, "/i", log="install.log")
         self.assertEqual(self.calls(), [command("im", p) for p in self.paths])
         immediate = library_lines(log, "InstallEventManifest")
         self.assertIn(f"Need to install event log manifest '{self.paths[0]}'. Component 'Manifests' to do 1.",
@@ -54,15 +49,13 @@ class EventManifests(InstallerCase):
         # A repair reinstalls the component: unregistered before its files are
         # replaced, registered again after.
         self.double.calls_path.unlink()
-        code, log = self.run_msiexec(package, "/i", "REINSTALL=ALL", "REINSTALLMODE=vomus", log="repair.log")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, package, "/i", "REINSTALL=ALL", "REINSTALLMODE=vomus", log="repair.log")
         self.assertEqual(self.calls(), [command("um", p) for p in self.paths] + [command("im", p) for p in self.paths])
         self.assertIn(f"Need to install event log manifest '{self.paths[1]}'. Component 'Manifests' to do 3.",
                       library_lines(log, "InstallEventManifest"))
 
         self.double.calls_path.unlink()
-        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, package, "/x", log="uninstall.log")
         self.assertEqual(self.calls(), [command("um", p) for p in self.paths])
         self.assertIn(f"Need to uninstall event log manifest '{self.paths[2]}'. Component 'Manifests' to do 2.",
                       library_lines(log, "UninstallEventManifest"))
@@ -71,8 +64,7 @@ class EventManifests(InstallerCase):
     def test_failed_registration_fails_the_install_and_rollback_unregisters_every_manifest(self):
         package = self.make()
         self.fail_when((command("im", self.paths[1]), 5), (command("um", self.paths[2]), 7))
-        code, log = self.run_msiexec(package, "/i", log="install.log")
-        self.assertEqual(code, 1603, log[-4000:])
+        log = self.run_expecting(1603, package, "/i", log="install.log")
         # The second registration stops the deferred action; rollback takes
         # back the whole list and only logs the failure on the third.
         self.assertEqual(self.calls(), [command("im", self.paths[0]), command("im", self.paths[1])] +
@@ -88,15 +80,13 @@ class EventManifests(InstallerCase):
         package = self.make()
         self.double.tool.unlink()
         try:
-            code, log = self.run_msiexec(package, "/i", log="install.log")
-            self.assertEqual(code, 0, log[-4000:])
+            log = self.run_expecting(0, package, "/i", log="install.log")
             self.assertIn("Skip action InstallEventManifest. Wevtutil.exe is not exist.",
                           library_lines(log, "InstallEventManifest"))
             self.assertIn("Skip action UninstallEventManifest. Wevtutil.exe is not exist.",
                           library_lines(log, "UninstallEventManifest"))
             self.assertNotIn("InstallEventManifestDeferred", log)
-            code, log = self.run_msiexec(package, "/x", log="uninstall.log")
-            self.assertEqual(code, 0, log[-4000:])
+            log = self.run_expecting(0, package, "/x", log="uninstall.log")
             self.assertNotIn("UninstallEventManifestDeferred", log)
         finally:
             self.double.install()
@@ -112,8 +102,7 @@ class EventManifests(InstallerCase):
                 # validation can still hold an empty value.
                 header, rows = package.tables["EventManifest"]
                 package.tables["EventManifest"] = ([header[0], "s72\tS72\tS255", header[2]], rows)
-                code, log = self.run_msiexec(package, "/i", log=f"{package.name}.log")
-                self.assertEqual(code, 1603, log[-4000:])
+                log = self.run_expecting(1603, package, "/i", log=f"{package.name}.log")
                 # Both immediate actions read the table; the unregistering one runs first.
                 self.assertIn(f"{text} Error 0x80004005.", library_lines(log, "UninstallEventManifest"))
         self.assertEqual(self.calls(), [])

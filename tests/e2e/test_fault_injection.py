@@ -7,13 +7,14 @@ Each case prepares the machine, records it (machine_state.MachineState), runs
 the failing install through the real msiexec, records it again and compares.
 """
 
+import contextlib
 import os
 import shutil
 import unittest
 
 from cabinet import A_ARCH, A_HIDDEN, A_RDONLY, cabinet_bytes
-from machine_state import HeldFile, Manifests, MachineState, WevtutilDouble, differences, rename_value, \
-    set_rename_value, utf16_hex
+from machine_state import HeldFile, Manifests, MachineState, WevtutilDouble, differences, fresh_folder, old_file, \
+    rename_value, set_rename_value, utf16_hex
 from msipackage import ARCH, InstallerCase, Package, Prefix, library_lines, scratch_dir
 
 TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
@@ -29,7 +30,6 @@ AFTER_CABINET_REMOVAL = 3497  # UninstallCabs schedules at 3495
 AFTER_XML_FILES = 4035    # InstallXmlFiles schedules at 4030
 AFTER_XML_UNDO = 3494     # UninstallXmlFiles schedules at 3493
 AFTER_EVERYTHING = 6550    # after every family's deferred work, before InstallFinalize
-OLD_TIME = 1_500_000_000   # a last-write time no write of today can produce
 
 # Another program's entries: a replacing rename (the "!" form), a deletion and a plain rename.
 FOREIGN = ["\\??\\C:\\Foreign\\new.dll", "!\\??\\C:\\Foreign\\app.dll",
@@ -44,20 +44,25 @@ class FaultCase(InstallerCase):
         diff = differences(before, after)
         self.assertEqual(diff, [], "\n".join(diff) + "\n" + log[-3000:])
 
-    def fails_unchanged(self, package, state, mode="/i", log="install.log", line=None, action=None):
+    def fails_unchanged(self, package, state, mode="/i", log="install.log", line=None, action=None, hold=None):
         """Runs `package` (`mode` /i or /x), which must fail, and compares `state`
-        before and after; `line` must be among the lines `action` logged."""
+        before and after; `line` must be among the lines `action` logged;
+        `hold` (a Windows path, a share mode) is held open meanwhile."""
         before = state.capture()
-        code, text = self.run_msiexec(package, mode, log=log)
-        self.assertEqual(code, 1603, text[-3000:])
+        with HeldFile(self.prefix, *hold) if hold else contextlib.nullcontext():
+            text = self.run_expecting(1603, package, mode, log=log)
         if line:
             self.assertIn(line, library_lines(text, action))
         self.assertUnchanged(before, state.capture(), text)
         return text
 
+    @staticmethod
+    def fault_points(after_the_work):
+        """(a name, a sequence): a failure right after the family's deferred work, and one at the end."""
+        return (("AfterTheWork", after_the_work), ("AtTheEnd", AFTER_EVERYTHING))
+
     def install(self, package):
-        code, text = self.run_msiexec(package, "/i")
-        self.assertEqual(code, 0, text[-3000:])
+        self.run_expecting(0, package, "/i")
 
 
 class TextFileFaults(FaultCase):
@@ -78,21 +83,14 @@ class TextFileFaults(FaultCase):
         return package
 
     def existing(self, name, data=None, mode=0o644):
-        path = self.folder / name
-        path.write_bytes(data if data is not None else f"old {name}\r\n".encode("utf-16"))
-        os.utime(path, (OLD_TIME, OLD_TIME))
-        os.chmod(path, mode)
-        return path
+        return old_file(self.folder / name, f"old {name}\r\n".encode("utf-16") if data is None else data, mode)
 
     def windows(self, name):
         return "C:\\Program Files\\" + self.folder.name + "\\" + name
 
     def check(self, package, hold=None):
-        state = MachineState(self.prefix, [self.folder])
-        if not hold:
-            return self.fails_unchanged(package, state)
-        with HeldFile(self.prefix, self.windows(hold[0]), hold[1]):
-            return self.fails_unchanged(package, state)
+        return self.fails_unchanged(package, MachineState(self.prefix, [self.folder]),
+                                    hold=hold and (self.windows(hold[0]), hold[1]))
 
     def test_fault_points(self):
         cases = {
@@ -154,11 +152,7 @@ class TextFileFaults(FaultCase):
 class EventManifestFaults(FaultCase):
     @classmethod
     def setUpClass(cls):
-        cls.double = WevtutilDouble(Prefix(), scratch_dir("wevtutil-original-faults")).install()
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.double.restore()
+        cls.double = cls.enterClassContext(WevtutilDouble(Prefix(), scratch_dir("wevtutil-original-faults")))
 
     def setUp(self):
         super().setUp()
@@ -204,8 +198,7 @@ class EventManifestFaults(FaultCase):
         # failed install unregisters every manifest of its rows.
         package = self.package("FaultManifestsEarlier").fail_at(AFTER_EVERYTHING)
         earlier = Manifests(self.double.calls_path).registered({self.paths[0]})
-        code, log = self.run_msiexec(package, "/i")
-        self.assertEqual(code, 1603, log[-3000:])
+        self.run_expecting(1603, package, "/i")
         self.assertEqual(sorted(Manifests(self.double.calls_path).registered(earlier)), [])
 
 
@@ -250,16 +243,13 @@ class RegistryFaults(FaultCase):
         self.reg("add", self.native, "/ve", "/t", "REG_BINARY", "/d", "00", "/f")
         self.reg("add", self.native + "\\Empty", "/f")
         self.reg("add", self.native + "\\Doomed\\Inner", "/v", "I", "/t", "REG_DWORD", "/d", "3", "/f")
-        self.folder.mkdir(parents=True)
-        (self.folder / "values.reg").write_bytes("Windows Registry Editor Version 5.00\r\n".encode("utf-16"))
-        os.utime(self.folder / "values.reg", (OLD_TIME, OLD_TIME))
+        old_file(self.folder / "values.reg", "Windows Registry Editor Version 5.00\r\n".encode("utf-16"))
         return MachineState(self.prefix, [self.folder], registry_keys=[self.native])
 
     def test_install_fails_after_the_registry_work(self):
-        for case, at in (("after the direct rows", (AFTER_REGISTRY,)), ("at the end", (AFTER_EVERYTHING,))):
+        for case, at in self.fault_points(AFTER_REGISTRY):
             with self.subTest(case=case):
-                package = self.package("FaultRegistry" + case.replace(" ", ""), at=at)
-                self.fails_unchanged(package, self.prepare(), log=case.replace(" ", "") + ".log",
+                self.fails_unchanged(self.package("FaultRegistry" + case, at=(at,)), self.prepare(), log=case + ".log",
                                      line="Remove registry key: Key '" + self.key + "\\Doomed'.",
                                      action="InstallRegistryDeferred")
                 self.reg("delete", self.native, "/f")
@@ -283,14 +273,11 @@ class MoveFileFaults(FaultCase):
     def setUp(self):
         super().setUp()
         self.win = "C:\\mfx-fault\\" + self.name
-        self.root = self.prefix.host_path(self.win)
-        shutil.rmtree(self.prefix.host_path("C:\\mfx-fault"), ignore_errors=True)
-        self.root.mkdir(parents=True)
+        fresh_folder(self.prefix.host_path("C:\\mfx-fault"))
+        self.root = fresh_folder(self.prefix.host_path(self.win))
 
     def file(self, name, data):
-        path = self.root / name
-        path.write_bytes(data)
-        os.utime(path, (OLD_TIME, OLD_TIME))
+        old_file(self.root / name, data)
 
     def rows(self):
         w, install = self.win, 0x1
@@ -313,25 +300,19 @@ class MoveFileFaults(FaultCase):
         ]
 
     def check(self, name, rows, fail_at=AFTER_EVERYTHING, hold=None):
-        package = Package(name[:48]).add_component("Main", [("readme", "readme.txt", "r")])
-        package.add_table("MoveFileEx", [(i, "Main", s, d, str(a), "") for i, s, d, a in rows])
-        if fail_at:
-            package.fail_at(fail_at)
+        package = self.table_package("MoveFileEx", [(i, "Main", s, d, str(a), "") for i, s, d, a in rows], name[:48],
+                                     fail_at=fail_at)
         set_rename_value(self.prefix, utf16_hex(FOREIGN))
-        state = MachineState(self.prefix, [self.root])
-        if not hold:
-            return self.fails_unchanged(package, state)
-        with HeldFile(self.prefix, f"{self.win}\\{hold}", "none"):
-            return self.fails_unchanged(package, state)
+        return self.fails_unchanged(package, MachineState(self.prefix, [self.root]),
+                                    hold=hold and (f"{self.win}\\{hold}", "none"))
 
     def test_install_fails_after_the_moves(self):
-        for case, at in (("after the deferred rows", AFTER_MOVE_FILES), ("at the end", AFTER_EVERYTHING)):
+        for case, at in self.fault_points(AFTER_MOVE_FILES):
             with self.subTest(case=case):
-                shutil.rmtree(self.root, ignore_errors=True)
-                self.root.mkdir(parents=True)
+                fresh_folder(self.root)
                 rolled_back = self.prefix.host_path("C:\\mfx-fault\\rolled-back.txt")
                 rolled_back.unlink(missing_ok=True)
-                log = self.check("FaultMove" + case.replace(" ", ""), self.rows(), fail_at=at)
+                log = self.check("FaultMove" + case, self.rows(), fail_at=at)
                 self.assertIn(f"Move file '{self.win}\\move-over.txt' -> '{self.win}\\move-me.txt'.",
                               library_lines(log, "MoveFilesExRollback"))
                 # The rollback row ran; the commit row did not.
@@ -343,8 +324,7 @@ class MoveFileFaults(FaultCase):
         missing = (f"{w}\\missing.txt", f"{w}\\x.txt")
         for phase in (self.DEFERRED, self.IMMEDIATE):
             with self.subTest(phase=hex(phase)):
-                shutil.rmtree(self.root, ignore_errors=True)
-                self.root.mkdir(parents=True)
+                fresh_folder(self.root)
                 rows = self.rows()
                 rows.insert(4, ("Missing",) + missing + (0x1 | phase,))
                 log = self.check(f"FaultMoveInside{phase}", rows, fail_at=None)
@@ -370,26 +350,20 @@ class RemoveFileFaults(FaultCase):
     def test_a_failed_install_puts_every_removed_file_back(self):
         root = self.prefix.host_path("C:\\rfx-fault")
         win = "C:\\rfx-fault"
-        for case, at in (("after the deferred rows", AFTER_REMOVE_FILES), ("at the end", AFTER_EVERYTHING)):
+        rows = [("Data", "Main", f"{win}\\data", "0", str(0x1 | 0x8 | 0x10), ""),
+                ("Logs", "Main", f"{win}\\logs\\*.log", "0", str(0x1 | 0x8), ""),
+                ("Gone", "Main", f"{win}\\gone", "0", str(0x1 | 0x10), ""),
+                ("Later", "Main", f"{win}\\logs\\keep.txt", "4", "1", "")]
+        for case, at in self.fault_points(AFTER_REMOVE_FILES):
             with self.subTest(case=case):
                 shutil.rmtree(root, ignore_errors=True)
                 for name in ("data/a.txt", "data/sub/b.log", "data/sub/deeper/c.log", "outside/precious.txt",
                              "logs/1.log", "logs/keep.txt", "logs/sub/3.log", "gone/x.txt"):
-                    path = root / name
-                    path.parent.mkdir(parents=True, exist_ok=True)
-                    path.write_bytes(name.encode())
-                    os.utime(path, (OLD_TIME, OLD_TIME))
+                    old_file(root / name, name.encode())
                 os.symlink(root / "outside", root / "data" / "link")
-                rows = [("Data", "Main", f"{win}\\data", "0", str(0x1 | 0x8 | 0x10), ""),
-                        ("Logs", "Main", f"{win}\\logs\\*.log", "0", str(0x1 | 0x8), ""),
-                        ("Gone", "Main", f"{win}\\gone", "0", str(0x1 | 0x10), ""),
-                        ("Later", "Main", f"{win}\\logs\\keep.txt", "4", "1", "")]
-                package = Package(("FaultRemove" + case.replace(" ", ""))[:48]).add_component(
-                    "Main", [("readme", "readme.txt", "r")])
-                package.add_table("RemoveFileEx", rows)
-                package.fail_at(at)
                 set_rename_value(self.prefix, utf16_hex(FOREIGN))
-                self.fails_unchanged(package, MachineState(self.prefix, [root]), log=case.replace(" ", "") + ".log",
+                self.fails_unchanged(self.table_package("RemoveFileEx", rows, "FaultRemove" + case, fail_at=at),
+                                     MachineState(self.prefix, [root]), log=case + ".log",
                                      line=f"Remove folder '{win}\\gone'.", action="RemoveFilesExFinalize")
 
 
@@ -413,18 +387,14 @@ class CabinetFaults(FaultCase):
     def prepare(self, package):
         root = package.install_dir(self.prefix)
         for name, mode in (("a.txt", 0o644), ("ro.txt", 0o444), ("hidden.txt", 0o644), ("sub/other.txt", 0o644)):
-            path = root / "data" / name
-            path.parent.mkdir(parents=True, exist_ok=True)
-            path.write_bytes(b"old " + name.encode())
-            os.chmod(path, mode)
-            os.utime(path, (OLD_TIME, OLD_TIME))
+            old_file(root / "data" / name, b"old " + name.encode(), mode)
         return MachineState(self.prefix, [root], registry_keys=[self.RECORDS])
 
     def test_a_failed_install_brings_back_every_replaced_file(self):
-        for case, at in (("after the extraction", AFTER_CABINETS), ("at the end", AFTER_EVERYTHING)):
+        for case, at in self.fault_points(AFTER_CABINETS):
             with self.subTest(case=case):
-                package = self.package(("FaultCab" + case.replace(" ", ""))[:48]).fail_at(at)
-                self.fails_unchanged(package, self.prepare(package), log=case.replace(" ", "") + ".log",
+                package = self.package("FaultCab" + case).fail_at(at)
+                self.fails_unchanged(package, self.prepare(package), log=case + ".log",
                                      line=f"Replace file 'C:\\Program Files\\{package.directory}\\data\\ro.txt'.",
                                      action="InstallCabsDeferred")
 
@@ -455,25 +425,19 @@ class XmlFileFaults(FaultCase):
         return package
 
     def prepare(self, win):
-        root = self.prefix.host_path(win)
-        shutil.rmtree(root, ignore_errors=True)
-        root.mkdir(parents=True)
-        (root / "app.config").write_bytes(b'\xef\xbb\xbf<c>\r\n  <add key="port" value="80"/>\r\n'
-                                          b'  <add key="gone" value="1"/>\r\n</c>\r\n')
-        (root / "other.xml").write_bytes("<root>\n</root>\n".encode("utf-16"))
-        os.chmod(root / "other.xml", 0o444)
-        for name in ("app.config", "other.xml"):
-            os.utime(root / name, (OLD_TIME, OLD_TIME))
+        root = fresh_folder(self.prefix.host_path(win))
+        old_file(root / "app.config", b'\xef\xbb\xbf<c>\r\n  <add key="port" value="80"/>\r\n'
+                                      b'  <add key="gone" value="1"/>\r\n</c>\r\n')
+        old_file(root / "other.xml", "<root>\n</root>\n".encode("utf-16"), 0o444)
         return MachineState(self.prefix, [root], registry_keys=[self.RECORDS])
 
     def test_a_failed_install_leaves_every_file_as_it_was(self):
-        for case, at in (("after the edits", AFTER_XML_FILES), ("at the end", AFTER_EVERYTHING)):
+        win = "C:\\xml-fault"
+        for case, at in self.fault_points(AFTER_XML_FILES):
             with self.subTest(case=case):
-                win = "C:\\xml-fault"
                 state = self.prepare(win)
                 (self.prefix.host_path(win) / "other.xml").chmod(0o644)  # writable: the edit must happen
-                package = self.package(("FaultXml" + case.replace(" ", ""))[:48], win).fail_at(at)
-                self.fails_unchanged(package, state, log=case.replace(" ", "") + ".log",
+                self.fails_unchanged(self.package("FaultXml" + case, win).fail_at(at), state, log=case + ".log",
                                      line=f"Create xml file '{win}\\new.xml'.", action="InstallXmlFilesDeferred")
 
     def test_a_failed_uninstall_puts_edits_and_records_back(self):

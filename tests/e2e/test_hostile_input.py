@@ -31,9 +31,6 @@ class Hostile(InstallerCase):
         self.folder.mkdir(parents=True, exist_ok=True)
         return package
 
-    def install(self, package, log="install.log"):
-        return self.run_msiexec(package, "/i", log=log)
-
     def test_a_link_at_the_target_is_refused_and_what_it_points_to_is_untouched(self):
         # Wine shows a host's link to a folder as a reparse point (a link to a
         # file it follows silently; Windows reports both).
@@ -43,8 +40,7 @@ class Hostile(InstallerCase):
                                             [("L1", "[INSTALLDIR]config", "x", "Main", "")], LOCKFILESONUPDATE=lock)
                 os.symlink(self.outside, self.folder / "config")
                 before = MachineState(self.prefix, [self.outside, self.folder]).capture()
-                code, log = self.install(package, log=f"link{lock}.log")
-                self.assertEqual(code, 1603, log[-3000:])
+                log = self.run_expecting(1603, package, "/i", log=f"link{lock}.log")
                 target = f"C:\\Program Files\\{package.directory}\\config"
                 self.assertIn(f"Refused to write '{target}': it is a link (reparse point). Error 0x80070780.",
                               library_lines(log, "InstallTextFilesDeferred"))
@@ -57,8 +53,7 @@ class Hostile(InstallerCase):
         (self.folder / "app.ini").write_bytes(b"old")
         for n in range(0x10000):  # every name GetTempFileNameW could have chosen
             os.symlink(self.secret, self.folder / f"TMP{n:X}.tmp")
-        code, log = self.install(package)
-        self.assertEqual(code, 0, log[-3000:])
+        self.run_expecting(0, package, "/i")
         self.assertEqual(self.secret.read_bytes(), b"outside bytes")
         staged = [src for src, dst in self.prefix.pending_renames() if dst.endswith("app.ini")]
         self.assertEqual(len(staged), 1)
@@ -72,27 +67,22 @@ class Hostile(InstallerCase):
         for path, why in cases.items():
             with self.subTest(path=path):
                 package = self.text_package(f"HostilePath{len(path)}", [("Bad", path, "x", "Main", "")])
-                code, log = self.install(package, log=f"path{len(path)}.log")
-                self.assertEqual(code, 1603, log[-3000:])
+                log = self.run_expecting(1603, package, "/i", log=f"path{len(path)}.log")
                 self.assertIn(f"The file '{path}' of text line 'Bad' is refused: {why}. Error 0x80070057.",
                               library_lines(log, "InstallTextFiles"))
                 self.assertEqual(library_lines(log, "InstallTextFilesDeferred"), [])
 
     def test_a_quote_in_a_manifest_path_is_refused_before_the_tool_runs(self):
-        double = WevtutilDouble(self.prefix, scratch_dir("wevtutil-original-hostile")).install()
-        try:
-            double.use_in(self.prefix)
-            package = Package("HostileManifest").add_component("Manifests", [("ev1", "m.man", "<m/>")])
-            package.use_kit(*MANIFEST_ACTIONS)
-            evil = '[#ev1]" /rf:"C:\\Outside\\evil.dll'
-            package.add_table("EventManifest", [("M1", "Manifests", evil)])
-            code, log = self.install(package)
-            self.assertEqual(code, 1603, log[-3000:])
-            self.assertEqual(double.calls(), [])
-            lines = library_lines(log, "UninstallEventManifest") + library_lines(log, "InstallEventManifest")
-            self.assertTrue(any("is refused: it holds '\"', which no Windows path can hold." in l for l in lines), lines)
-        finally:
-            double.restore()
+        double = self.enterContext(WevtutilDouble(self.prefix, scratch_dir("wevtutil-original-hostile")))
+        double.use_in(self.prefix)
+        package = Package("HostileManifest").add_component("Manifests", [("ev1", "m.man", "<m/>")])
+        package.use_kit(*MANIFEST_ACTIONS)
+        evil = '[#ev1]" /rf:"C:\\Outside\\evil.dll'
+        package.add_table("EventManifest", [("M1", "Manifests", evil)])
+        log = self.run_expecting(1603, package, "/i")
+        self.assertEqual(double.calls(), [])
+        lines = library_lines(log, "UninstallEventManifest") + library_lines(log, "InstallEventManifest")
+        self.assertTrue(any("is refused: it holds '\"', which no Windows path can hold." in l for l in lines), lines)
 
     def test_rename_values_of_the_wrong_form_or_type_stay_byte_for_byte(self):
         # Every form is the in-process tests' business; these take the real action's way in both modes.
@@ -110,8 +100,7 @@ class Hostile(InstallerCase):
                     (self.folder / "app.ini").write_bytes(b"old")
                     set_rename_value(self.prefix, data, type_code)
                     value = rename_value(self.prefix)
-                    code, log = self.install(package, log=f"value{type_code}{len(data)}{lock}.log")
-                    self.assertEqual(code, 1603, log[-3000:])
+                    log = self.run_expecting(1603, package, "/i", log=f"value{type_code}{len(data)}{lock}.log")
                     self.assertEqual(rename_value(self.prefix), value)
                     self.assertEqual((self.folder / "app.ini").read_bytes(), b"old")
                     immediate = library_lines(log, "InstallTextFiles")
@@ -123,19 +112,15 @@ class Hostile(InstallerCase):
                                          "InstallTextFilesRollback: finished. Return value 0.")
 
     def test_a_megabyte_of_tool_output_is_logged_in_whole_lines(self):
-        double = WevtutilDouble(self.prefix, scratch_dir("wevtutil-original-hostile")).install()
-        try:
-            double.use_in(self.prefix)
-            package = Package("HostileOutput").add_component("Manifests", [("ev1", "m.man", "<m/>")])
-            package.use_kit(*MANIFEST_ACTIONS).add_table("EventManifest", [("M1", "Manifests", "[#ev1]")])
-            (double.folder / "rules.txt").write_text(" im \t0\t1048576\n")
-            code, log = self.install(package)
-            self.assertEqual(code, 0, log[-3000:])
-            lines = [l for l in library_lines(log, "InstallEventManifestDeferred") if l.startswith("> line ")]
-            self.assertEqual(len(lines), 10486)
-            self.assertTrue(all(len(l) == 2 + 98 for l in lines))
-        finally:
-            double.restore()
+        double = self.enterContext(WevtutilDouble(self.prefix, scratch_dir("wevtutil-original-hostile")))
+        double.use_in(self.prefix)
+        package = Package("HostileOutput").add_component("Manifests", [("ev1", "m.man", "<m/>")])
+        package.use_kit(*MANIFEST_ACTIONS).add_table("EventManifest", [("M1", "Manifests", "[#ev1]")])
+        (double.folder / "rules.txt").write_text(" im \t0\t1048576\n")
+        log = self.run_expecting(0, package, "/i")
+        lines = [l for l in library_lines(log, "InstallEventManifestDeferred") if l.startswith("> line ")]
+        self.assertEqual(len(lines), 10486)
+        self.assertTrue(all(len(l) == 2 + 98 for l in lines))
 
 
 if __name__ == "__main__":

@@ -7,15 +7,13 @@ Sources and destinations live in a scratch folder of the prefix (C:\\mfx\\<test>
 beside the package's own install folder."""
 
 import os
-import shutil
 import unittest
 
-from machine_state import HeldFile
+from machine_state import OLD_TIME, HeldFile, fresh_folder, old_file
 from msipackage import InstallerCase, library_lines
 
 ACTIONS = ("MoveFilesEx", "MoveFilesExRollback", "MoveFilesExDeferredUser", "MoveFilesExDeferred",
            "MoveFilesExFinalize")
-OLD_TIME = 1_500_000_000
 INSTALL, REINSTALL, UNINSTALL, OPTIONAL, MOVE = 0x1, 0x2, 0x4, 0x10, 0x20
 IMMEDIATE, DEFERRED, COMMIT, ROLLBACK, AT_RESTART, CONTINUE = 0x100, 0x200, 0x400, 0x800, 0x1000, 0x2000
 
@@ -26,16 +24,10 @@ class MoveFiles(InstallerCase):
     def setUp(self):
         super().setUp()
         self.win = "C:\\mfx\\" + self.name
-        self.root = self.prefix.host_path(self.win)
-        shutil.rmtree(self.root, ignore_errors=True)
-        self.root.mkdir(parents=True)
+        self.root = fresh_folder(self.prefix.host_path(self.win))
 
     def file(self, name, text):
-        path = self.root / name
-        path.parent.mkdir(parents=True, exist_ok=True)
-        path.write_bytes(text.encode())
-        os.utime(path, (OLD_TIME, OLD_TIME))
-        return path
+        return old_file(self.root / name, text.encode())
 
     def package(self, rows, fail_at=None, **properties):
         return self.table_package("MoveFileEx", [(i, "Main", s, d, str(a), c) for i, s, d, a, c in rows],
@@ -61,8 +53,7 @@ class MoveFiles(InstallerCase):
             ("Uninstall", f"{w}\\c.txt", f"{w}\\uninstall.txt", UNINSTALL | DEFERRED, ""),
             ("Condition", f"{w}\\c.txt", f"{w}\\condition.txt", INSTALL | DEFERRED, "1=0"),
         ])
-        code, log = self.run_msiexec(package, "/i")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, package, "/i")
         self.assertEqual(self.files(), ["a.txt", "c.txt", "commit.txt", "moved\\b.txt".replace("\\", os.sep),
                                         "now.txt", "old.txt", "out/deep/a.txt".replace("/", os.sep)])
         self.assertEqual((self.root / "old.txt").read_bytes(), b"new a")
@@ -80,8 +71,7 @@ class MoveFiles(InstallerCase):
         self.assertTrue(any(line.startswith("Cleanup file ") for line in commit), commit)
         self.assertNotIn("MoveFilesExRollback initialized.", log)
         # The uninstall row runs on uninstall only.
-        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, package, "/x", log="uninstall.log")
         self.assertEqual((self.root / "uninstall.txt").read_bytes(), b"new c")
         self.assertIn(f"Need to move files 'Uninstall', '{w}\\c.txt'->'{w}\\uninstall.txt'. Component to do 2.",
                       library_lines(log, "MoveFilesEx"))
@@ -99,8 +89,7 @@ class MoveFiles(InstallerCase):
             ("Empty", f"{w}\\a.txt", "[NOTSET]", INSTALL | DEFERRED | CONTINUE, ""),
             ("Good", f"{w}\\a.txt", f"{w}\\good.txt", INSTALL | DEFERRED, ""),
         ], InstallationWarningsFilePath=warnings)
-        code, log = self.run_msiexec(package, "/i")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, package, "/i")
         self.assertEqual((self.root / "good.txt").read_bytes(), b"a")
         data = (self.root / "warnings.txt").read_bytes()
         self.assertEqual(data[:2], b"\xff\xfe")  # one byte-order mark, from the earlier writer
@@ -125,8 +114,7 @@ class MoveFiles(InstallerCase):
             ("Net", "\\\\nosuchserver\\share\\a.txt", f"{w}\\net.txt", INSTALL | DEFERRED | CONTINUE, ""),
             ("Local", f"{w}\\a.txt", f"{w}\\local.txt", INSTALL | DEFERRED, ""),
         ])
-        code, log = self.run_msiexec(package, "/i")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, package, "/i")
         # Scheduled under its own name, run by the deferred entry point: the
         # unreachable share fails as a warning there; the local row runs in the other.
         self.assertIn("Action start", log)
@@ -145,8 +133,7 @@ class MoveFiles(InstallerCase):
                                             "relative": ("a.txt", f"{w}\\b.txt")}.items():
             with self.subTest(case=case):
                 package = self.package([("Bad", source, destination, INSTALL | DEFERRED, "")])
-                code, log = self.run_msiexec(package, "/i")
-                self.assertEqual(code, 1603, log[-3000:])
+                log = self.run_expecting(1603, package, "/i")
                 self.assertTrue(any(line.startswith("Cannot move files 'Bad'") and line.endswith("Error 0x80070057.")
                                     for line in library_lines(log, "MoveFilesEx")), log[-3000:])
                 self.assertEqual(self.files(), ["a.txt"])
@@ -158,8 +145,7 @@ class MoveFiles(InstallerCase):
         rows = [("Long", f"{w}\\a.txt", f"{w}\\{deep}\\long.txt", INSTALL | DEFERRED, ""),
                 ("Prefixed", f"{w}\\a.txt", f"\\\\?\\{w}\\{deep}\\prefixed.txt", INSTALL | DEFERRED, "")]
         self.assertGreater(len(rows[0][2]), 300)
-        code, log = self.run_msiexec(self.package(rows), "/i")
-        self.assertEqual(code, 0, log[-4000:])
+        self.run_expecting(0, self.package(rows), "/i")
         self.assertEqual((self.root / deep.replace("\\", os.sep) / "long.txt").read_bytes(), b"a")
         self.assertEqual((self.root / deep.replace("\\", os.sep) / "prefixed.txt").read_bytes(), b"a")
 
@@ -169,8 +155,7 @@ class MoveFiles(InstallerCase):
         self.file("dest.txt", "old")
         row = (f"{w}\\m.txt", f"{w}\\dest.txt", INSTALL | DEFERRED | MOVE | AT_RESTART, "")
         package = self.package([("First",) + row, ("Again",) + row])
-        code, log = self.run_msiexec(package, "/i")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, package, "/i")
         renames = self.prefix.pending_renames()
         self.assertEqual(renames.count((f"\\??\\{w}\\m.txt", f"\\??\\{w}\\dest.txt")), 1, renames)
         self.assertIn(f"Move file on reboot already scheduled '{w}\\m.txt' -> '{w}\\dest.txt'.",

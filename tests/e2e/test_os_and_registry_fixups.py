@@ -5,7 +5,7 @@ from properties written as the author meant."""
 
 import unittest
 
-from machine_state import MachineState, differences, export_key
+from machine_state import MachineState, differences, registry_values
 from msipackage import ARCH, InstallerCase, Package, library_lines, properties
 
 REGISTRY_HEADER = ["Registry\tRoot\tKey\tName\tValue\tComponent_", "s72\ti2\tl255\tL255\tL0\ts72", "Registry\tRegistry"]
@@ -27,15 +27,8 @@ class OsAndRegistry(InstallerCase):
         return self.prefix.wine("reg", *args, "/reg:64")
 
     def value(self, name):
-        """(type, data) as `reg query` shows them, or None."""
-        result = self.reg("query", "HKLM\\" + self.key, "/v", name)
-        if result.returncode != 0:
-            return None
-        for line in result.stdout.decode("utf-8", "replace").splitlines():
-            parts = line.split()
-            if len(parts) >= 2 and parts[0] == name and parts[1].startswith("REG_"):
-                return parts[1], " ".join(parts[2:])
-        return None
+        """The value's data as `reg export` writes it (type and bytes), or None."""
+        return registry_values(self.prefix, "HKLM\\" + self.key).get("HKLM\\" + self.key, {}).get(name)
 
     def test_the_true_version_and_both_machines(self):
         package = Package("OsVersion").add_component("Main", [("r", "r.txt", "r")]).use_kit("GetOsVersionInfo")
@@ -70,27 +63,22 @@ class OsAndRegistry(InstallerCase):
         # No value before: a failed install leaves none.
         state = MachineState(self.prefix, registry_keys=["HKLM\\" + self.key])
         before = state.capture()
-        code, log = self.run_msiexec(self.qword_package("QwordFails", fail=True), "/i", log="failing.log")
-        self.assertEqual(code, 1603, log[-3000:])
+        log = self.run_expecting(1603, self.qword_package("QwordFails", fail=True), "/i", log="failing.log")
         self.assertEqual(differences(before, state.capture()), [])
         # A value before: the library's rollback writes it back, type and data.
         # Wine's own rollback of WriteRegistryValues then removes the value
         # (Windows restores it): a limit of Wine, not of the library.
         self.reg("add", "HKLM\\" + self.key, "/v", "Big", "/t", "REG_SZ", "/d", "old", "/f")
-        code, log = self.run_msiexec(self.qword_package("QwordFailsOld", fail=True), "/i", log="failing-old.log")
-        self.assertEqual(code, 1603, log[-3000:])
+        log = self.run_expecting(1603, self.qword_package("QwordFailsOld", fail=True), "/i", log="failing-old.log")
         self.assertIn(f"Write registry value: Key '{self.key}', Name 'Big', Value 'old'.",
                       library_lines(log, "FixQwordRegistryRollback"))
 
         package = self.qword_package("Qword")
-        code, log = self.run_msiexec(package, "/i")
-        self.assertEqual(code, 0, log[-3000:])
-        # Wine's `reg query` prints no QWORD data; its export does.
-        self.assertIn('"Big"=hex(b):00,f2,05,2a,01,00,00,00', export_key(self.prefix, "HKLM\\" + self.key))
+        log = self.run_expecting(0, package, "/i")
+        self.assertEqual(self.value("Big"), "hex(b):00,f2,05,2a,01,00,00,00")
         self.assertIn("Need to write qword registry row 'RegBig'. Component 'Main' to do 1.",
                       library_lines(log, "FixQwordRegistry"))
-        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
-        self.assertEqual(code, 0, log[-3000:])
+        log = self.run_expecting(0, package, "/x", log="uninstall.log")
         self.assertIsNone(self.value("Big"))
 
     def test_dwords_fed_from_properties_are_written_as_meant(self):
@@ -101,16 +89,14 @@ class OsAndRegistry(InstallerCase):
         package.use_kit("FixRegistryIntegerProperties").add_property("HEX", "0x1F").add_property("PLUS", "+42")
         package.add_property("BLANK", "8080")
         package.sequence += REGISTRY_ACTIONS
-        code, log = self.run_msiexec(package, "/i", "BLANK= 8080 ")
-        self.assertEqual(code, 0, log[-3000:])
+        log = self.run_expecting(0, package, "/i", "BLANK= 8080 ")
         self.assertEqual([self.value(n) for n in ("Hex", "Plus", "Blank")],
-                         [("REG_DWORD", "0x1f"), ("REG_DWORD", "0x2a"), ("REG_DWORD", "0x1f90")])
+                         ["dword:0000001f", "dword:0000002a", "dword:00001f90"])
         self.assertIn("Property HEX for Registry row 'RegHex': '0x1F' becomes '31'.",
                       library_lines(log, "FixRegistryIntegerProperties"))
         self.run_msiexec(package, "/x", log="uninstall.log")
 
-        code, log = self.run_msiexec(package, "/i", "HEX=5000000000", log="toobig.log")
-        self.assertEqual(code, 1603, log[-3000:])
+        log = self.run_expecting(1603, package, "/i", "HEX=5000000000", log="toobig.log")
         self.assertIn("The value '5000000000' of property HEX for Registry row 'RegHex' is not a DWORD: it is out of "
                       "range. Error 0x80070057.", library_lines(log, "FixRegistryIntegerProperties"))
 

@@ -7,11 +7,11 @@ import os
 import shutil
 import unittest
 
+from machine_state import old_file
 from msipackage import InstallerCase, library_lines
 
 INSTALL, UNINSTALL, RECURSIVE, EMPTY, STRICT, UPGRADE = 0x1, 0x2, 0x8, 0x10, 0x20, 0x40
 DEFERRED, IMMEDIATE, COMMIT, ROLLBACK_ONLY, AT_RESTART = 0, 1, 2, 3, 4
-OLD_TIME = 1_500_000_000
 
 
 class RemoveFiles(InstallerCase):
@@ -24,12 +24,8 @@ class RemoveFiles(InstallerCase):
         shutil.rmtree(self.prefix.host_path("C:\\rfx"), ignore_errors=True)
         self.root.mkdir(parents=True)
 
-    def file(self, name, data=None):
-        path = self.root / name.replace("\\", os.sep)
-        path.parent.mkdir(parents=True, exist_ok=True)
-        path.write_bytes(data if data is not None else name.encode())
-        os.utime(path, (OLD_TIME, OLD_TIME))
-        return path
+    def file(self, name):
+        return old_file(self.root / name.replace("\\", os.sep), name.encode())
 
     def tree(self):
         """data\\ with files two levels deep and a link to a folder outside it;
@@ -53,8 +49,7 @@ class RemoveFiles(InstallerCase):
 
     def test_deferred_removal_recursive_patterns_links_and_commit(self):
         self.tree()
-        code, log = self.run_msiexec(self.package(self.rows()), "/i")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, self.package(self.rows()), "/i")
         # data\ lost everything but the link (never entered nor removed: what
         # it points to is intact) and the folders holding it; only the .log
         # files directly in logs\ went; no backup is left.
@@ -79,8 +74,7 @@ class RemoveFiles(InstallerCase):
                 ("OnCommit", f"{w}\\commit\\", COMMIT, INSTALL | EMPTY, ""),
                 ("Later", f"{w}\\later\\", AT_RESTART, INSTALL | EMPTY, ""),
                 ("OnUninstall", f"{w}\\now", DEFERRED, UNINSTALL, "")]
-        code, log = self.run_msiexec(self.package(rows), "/i")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, self.package(rows), "/i")
         immediate = library_lines(log, "RemoveFilesEx")
         self.assertTrue(any(line.startswith("Refused to remove files 'Windows', 'C:\\windows")
                             and "it is a system folder" in line for line in library_lines(log, "RemoveFilesExFinalize")),
@@ -95,13 +89,11 @@ class RemoveFiles(InstallerCase):
 
         # A strict refused row fails the install; during a major upgrade a row without 0x40 is skipped.
         strict = self.package([("Windows", "[WindowsFolder]", DEFERRED, INSTALL | STRICT, "")])
-        code, log = self.run_msiexec(strict, "/i", log="strict.log")
-        self.assertEqual(code, 1603, log[-3000:])
+        log = self.run_expecting(1603, strict, "/i", log="strict.log")
         upgrade = self.package([("Now", f"{w}\\later\\z.txt", IMMEDIATE, INSTALL, ""),
                                 ("Forced", f"{w}\\later\\", IMMEDIATE, INSTALL | UPGRADE | RECURSIVE, "")],
                                UPGRADINGPRODUCTCODE="{00000000-0000-0000-0000-000000000001}")
-        code, log = self.run_msiexec(upgrade, "/i", log="upgrade.log")
-        self.assertEqual(code, 0, log[-3000:])
+        log = self.run_expecting(0, upgrade, "/i", log="upgrade.log")
         self.assertTrue(any("A major upgrade is removing this product" in line
                             for line in library_lines(log, "RemoveFilesEx")), log[-3000:])
         self.assertIn(f"Remove file '{w}\\later\\z.txt'.", library_lines(log, "RemoveFilesEx"))

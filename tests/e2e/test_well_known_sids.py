@@ -10,8 +10,7 @@ ACCOUNTS = [("ACCOUNT_LOCALSYSTEM", 22), ("ACCOUNT_LOCALSERVICE", 23), ("ACCOUNT
 class WellKnownSidsInstall(InstallerCase):
     def test_install_publishes_the_seven_account_names(self):
         package = Package("wellknownsids").add_component("Main", [("readme", "readme.txt", "hello")])
-        code, log = self.run_msiexec(package.use_kit("GetWellKnownSids"), "/i")
-        self.assertEqual(code, 0, log[-3000:])
+        log = self.run_expecting(0, package.use_kit("GetWellKnownSids"), "/i")
         lines = library_lines(log, "GetWellKnownSids")
         self.assertEqual(lines[0], "GetWellKnownSids initialized.")
         self.assertEqual(lines[-1], "GetWellKnownSids: finished. Return value 0.")
@@ -25,8 +24,7 @@ class WellKnownSidsInstall(InstallerCase):
             self.assertFalse(value.startswith("S-1-"), value)  # a name, never a SID string
             self.assertEqual(line, f"Well known sid is '{value}' for type '{sid_type}'.")
 
-        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
-        self.assertEqual(code, 0, log[-3000:])
+        log = self.run_expecting(0, package, "/x", log="uninstall.log")
 
 
 if __name__ == "__main__":

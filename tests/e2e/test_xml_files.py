@@ -6,9 +6,9 @@ input (malformed XML, a DTD, an XPath that does not parse, a fragment that is
 not well formed, a file that is too large, a missing file) fails clearly or is
 skipped as asked. The forced rollback is in test_fault_injection."""
 
-import shutil
 import unittest
 
+from machine_state import fresh_folder
 from msipackage import InstallerCase, library_lines
 
 SET, SET_ALL, CREATE, DELETE_ATTRIBUTE, DELETE, APPEND = range(6)
@@ -44,9 +44,7 @@ class XmlFiles(InstallerCase):
     def setUp(self):
         super().setUp()
         self.win = "C:\\xmlt\\" + self.name
-        self.root = self.prefix.host_path(self.win)
-        shutil.rmtree(self.root, ignore_errors=True)
-        self.root.mkdir(parents=True)
+        self.root = fresh_folder(self.prefix.host_path(self.win))
 
     def package(self, rows, name=None, **properties):
         return self.table_package("XmlFile", [(i, f, x, str(a), n, v, ns, str(s), str(atr), "Main", "")
@@ -59,8 +57,7 @@ class XmlFiles(InstallerCase):
         ns.write_bytes(b"\xff\xfe" + NS_XML.encode("utf-16-le"))
         before = {web: web.read_bytes(), ns: ns.read_bytes()}
         package = self.package(xml_rows(self.win))
-        code, log = self.run_msiexec(package, "/i", log="install.log")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, package, "/i", log="install.log")
         data = web.read_bytes()
         self.assertTrue(data.startswith(b"\xef\xbb\xbf<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n"), data[:80])
         self.assertNotIn(b"\n", data.replace(b"\r\n", b""))  # every line end stays CR LF
@@ -89,8 +86,7 @@ class XmlFiles(InstallerCase):
         self.assertEqual(code, 0, log[-4000:])
         self.assertIn("Need to edit xml file '" + self.win + "\\web.config' for 'Port'. Component to do 3.",
                       library_lines(log, "InstallXmlFiles"))
-        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, package, "/x", log="uninstall.log")
         # Everything but the permanent edit is back, byte for byte.
         self.assertEqual(ns.read_bytes(), before[ns])
         self.assertEqual(web.read_bytes(), before[web].replace(b'value="80"/>', b'value="80" kept="yes"/>'))
@@ -105,8 +101,7 @@ class XmlFiles(InstallerCase):
                 ("Optional", f"{self.win}\\none.config", "/x", SET, "a", "b", "", 1, SKIP_MISSING),
                 ("NoMatch", f"{self.win}\\db.config", "/db/nothing", SET, "a", "b", "", 2, SKIP_MISSING)]
         package = self.package(rows, DB_PASSWORD="S3cr3t-Value!", MsiHiddenProperties="DB_PASSWORD")
-        code, log = self.run_msiexec(package, "/i", log="install.log")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, package, "/i", log="install.log")
         self.assertEqual((self.root / "db.config").read_text(), '<db password="S3cr3t-Value!" user="u"/>')
         # Nowhere but in the property list Wine's msiexec prints at the end:
         # it ignores MsiHiddenProperties, where Windows leaves out the author's
@@ -124,8 +119,7 @@ class XmlFiles(InstallerCase):
                       deferred)
         # A file that is gone by uninstall is a skip, never a failed uninstall.
         (self.root / "db.config").unlink()
-        code, log = self.run_msiexec(package, "/x", log="uninstall.log")
-        self.assertEqual(code, 0, log[-4000:])
+        log = self.run_expecting(0, package, "/x", log="uninstall.log")
         self.assertIn(f"Skip the xml file '{self.win}\\db.config': it does not exist.",
                       library_lines(log, "InstallXmlFilesDeferred"))
 
@@ -148,8 +142,7 @@ class XmlFiles(InstallerCase):
                 before = path.read_bytes() if content is not None else None
                 package = self.package([(name, f"{self.win}\\{name}.xml", xpath, action, attribute, value, "", 1, 0)],
                                        name=f"{self.name[:30]}{name}")
-                code, log = self.run_msiexec(package, "/i", log=f"{name}.log")
-                self.assertEqual(code, 1603, log[-3000:])
+                log = self.run_expecting(1603, package, "/i", log=f"{name}.log")
                 self.assertTrue(any(why in line for line in library_lines(log, "InstallXmlFilesDeferred")),
                                 "\n".join(library_lines(log, "InstallXmlFilesDeferred")))
                 self.assertEqual(path.read_bytes() if path.exists() else None, before)

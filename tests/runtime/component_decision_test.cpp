@@ -2,24 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
+
+#include "runtime/fake_component_states.h"
 
 namespace setup {
 namespace {
-
-class FakeStates : public ComponentStates {
-public:
-    std::optional<ComponentState> State(std::wstring_view) override { return state; }
-    int EvaluateCondition(std::wstring_view condition) override {
-        ++evaluations;
-        const auto it = conditions.find(std::wstring(condition));
-        return it == conditions.end() ? kConditionNone : it->second;
-    }
-    std::optional<ComponentState> state;
-    std::map<std::wstring, int> conditions;
-    int evaluations = 0;
-};
 
 TEST(ComponentTask, ClassifiesEveryPairOfStates) {
     // Expected task for installed state i (rows, -1..5) and action a (columns, -1..5).
@@ -42,12 +30,7 @@ TEST(ComponentTask, ClassifiesEveryPairOfStates) {
 }
 
 TEST(ComponentDecision, RulesPickTheirTasksConditionsAndFileAbsent) {
-    struct Case {
-        const DecisionRule& rule;
-        ComponentState state;
-        int condition;
-        Verdict verdict;
-    };
+    struct Case { const DecisionRule& rule; ComponentState state; int condition; Verdict verdict; };
     const Case cases[] = {
         {kStandardInstall, {3, -1}, 1, Verdict::NullAction},
         {kStandardInstall, {3, 2}, 1, Verdict::NotMarked},
@@ -60,11 +43,11 @@ TEST(ComponentDecision, RulesPickTheirTasksConditionsAndFileAbsent) {
         {kStandardUninstall, {4, 2}, 0, Verdict::Chosen},          // the condition is not asked
     };
     for (const Case& c : cases) {
-        FakeStates states;
-        states.state = c.state;
-        states.conditions[L"COND"] = c.condition;
+        test::FakeComponentStates states;
+        states.states[L"Comp"] = c.state;
+        const wchar_t* condition[] = {L"FALSE", L"TRUE", L"", L"BROKEN"};  // by result, kConditionFalse..Error
         RecordingLogSink log;
-        const Decision d = DecideRow(states, c.rule, L"Comp", L"COND", [](const Decision& x) {
+        const Decision d = DecideRow(states, c.rule, L"Comp", condition[c.condition], [](const Decision& x) {
             return Format(L"verdict %d", static_cast<int>(x.verdict));
         }, log);
         EXPECT_EQ(d.verdict, c.verdict) << c.state.installed << "," << c.state.action;

@@ -1,4 +1,5 @@
 #include "runtime/format.h"
+#include "runtime/format_batch.h"
 
 #include <gtest/gtest.h>
 
@@ -79,6 +80,23 @@ TEST(Format, WidenReplacesMalformedUtf8) {
     const std::wstring euro = Widen("\xE2\x82\xAC");
     ASSERT_EQ(euro.size(), 1u);
     EXPECT_EQ(euro[0], static_cast<wchar_t>(0x20AC));
+}
+
+TEST(FormatBatch, OnlyTextsThatCloseWhatTheyOpenTravelTogether) {
+    for (const wchar_t* together : {L"", L"plain", L"[A]", L"[[A]]", L"{x[A]y}", L"a[\\[]b", L"[\\]]", L"x]y",
+                                    L"}", L"[A]]", L"{{[A]}}"}) {
+        EXPECT_TRUE(FormatsInBatch(together)) << together;
+    }
+    for (const wchar_t* alone : {L"[A", L"{x", L"[[A]", L"[\\[", L"a\x1F" L"b", L"{[A}"}) {
+        EXPECT_FALSE(FormatsInBatch(alone)) << alone;
+    }
+}
+
+TEST(FormatBatch, SplitsBackIntoExactlyAsManyPieces) {
+    EXPECT_EQ(SplitFormattedBatch(L"a\x1F\x1F" L"c", 3), (std::vector<std::wstring>{L"a", L"", L"c"}));
+    EXPECT_EQ(SplitFormattedBatch(L"", 1), (std::vector<std::wstring>{L""}));
+    EXPECT_TRUE(SplitFormattedBatch(L"a\x1F" L"b", 3).empty());
+    EXPECT_TRUE(SplitFormattedBatch(L"a\x1F" L"b\x1F" L"c", 2).empty());
 }
 
 }  // namespace

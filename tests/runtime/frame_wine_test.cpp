@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <new>
 #include <cstring>
@@ -63,13 +62,7 @@ TEST_F(ActionFrameTest, RunningOutOfMemoryAnywhereReturns1603AndNothingEscapes) 
 }
 
 TEST_F(ActionFrameTest, FailuresBecomeResultCodesWithTheirLogLines) {
-    struct Case {
-        const char* name;
-        ActionWork work;
-        UINT result;
-        std::wstring line;
-        bool dialog;
-    };
+    struct Case { const char* name; ActionWork work; UINT result; std::wstring line; bool dialog; };
     const Case cases[] = {
         {"FrameAccess",
          [](setup::Session&) { throw Exception(static_cast<HResult>(0x80070005), L"Access denied here.", L"u"); },

@@ -18,10 +18,7 @@ PropertyMap MapOf(std::initializer_list<std::pair<std::wstring, std::wstring>> e
 }
 
 TEST(PropertyMap, EncodesInKeyOrderAndDoublesOnlyThePairSeparator) {
-    struct Case {
-        PropertyMap map;
-        std::wstring encoded;
-    };
+    struct Case { PropertyMap map; std::wstring encoded; };
     const Case cases[] = {
         {MapOf({{L"k", L"a|b"}}), L"k=a||b"},
         {MapOf({{L"k", L"a|"}, {L"m", L"1"}}), L"k=a|||m=1"},   // value ending in '|'
@@ -37,10 +34,7 @@ TEST(PropertyMap, EncodesInKeyOrderAndDoublesOnlyThePairSeparator) {
 }
 
 TEST(PropertyMap, DecodesMalformedTextByItsRulesWithoutFailing) {
-    struct Case {
-        std::wstring text;
-        PropertyMap expected;
-    };
+    struct Case { std::wstring text; PropertyMap expected; };
     const Case cases[] = {
         {L"x=1|y", MapOf({{L"x", L"1"}, {L"y", L""}})},    // an entry without '='
         {L"=5|k=v", MapOf({{L"k", L"v"}})},                // the empty key is dropped

@@ -66,16 +66,7 @@ TestPackage::TestPackage() : path_(dir_.File(L"test.msi")) {
         L"PRIMARY KEY `Property`)");
     Sql(L"CREATE TABLE `Directory` (`Directory` CHAR(72) NOT NULL, `Directory_Parent` CHAR(72), "
         L"`DefaultDir` CHAR(255) NOT NULL LOCALIZABLE PRIMARY KEY `Directory`)");
-    Sql(L"CREATE TABLE `Component` (`Component` CHAR(72) NOT NULL, `ComponentId` CHAR(38), "
-        L"`Directory_` CHAR(72) NOT NULL, `Attributes` SHORT NOT NULL, `Condition` CHAR(255), "
-        L"`KeyPath` CHAR(72) PRIMARY KEY `Component`)");
-    Sql(L"CREATE TABLE `Feature` (`Feature` CHAR(38) NOT NULL, `Feature_Parent` CHAR(38), `Title` CHAR(64), "
-        L"`Description` CHAR(255), `Display` SHORT, `Level` SHORT NOT NULL, `Directory_` CHAR(72), "
-        L"`Attributes` SHORT NOT NULL PRIMARY KEY `Feature`)");
-    Sql(L"CREATE TABLE `FeatureComponents` (`Feature_` CHAR(38) NOT NULL, `Component_` CHAR(72) NOT NULL "
-        L"PRIMARY KEY `Feature_`, `Component_`)");
     Sql(L"INSERT INTO `Directory` (`Directory`, `DefaultDir`) VALUES ('TARGETDIR', 'SourceDir')");
-    Sql(L"INSERT INTO `Feature` (`Feature`, `Level`, `Attributes`) VALUES ('Main', 1, 0)");
     AddProperty(L"ProductCode", L"{6A1F0C52-8E4B-4E0B-9C55-3D2A7B9E1F40}");
     AddProperty(L"ALLUSERS", L"1");
     AddProperty(L"ProductName", L"Setup Utils test");
@@ -115,24 +106,12 @@ void TestPackage::AddProperty(const std::wstring& name, const std::wstring& valu
     Sql(L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('" + name + L"', '" + value + L"')");
 }
 
-void TestPackage::AddComponent(const std::wstring& component, const std::wstring& guid) {
-    Sql(L"INSERT INTO `Component` (`Component`, `ComponentId`, `Directory_`, `Attributes`) VALUES ('" +
-        component + L"', '" + guid + L"', 'TARGETDIR', 0)");
-    Sql(L"INSERT INTO `FeatureComponents` (`Feature_`, `Component_`) VALUES ('Main', '" + component + L"')");
-}
-
 MSIHANDLE TestPackage::Open() {
     Commit();
     session_.Reset();
     ::MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
     Check(::MsiOpenPackageW(path_.c_str(), session_.Put()), "MsiOpenPackageW");
     return session_.Get();
-}
-
-void TestPackage::Cost() {
-    Check(::MsiDoActionW(session_.Get(), L"CostInitialize"), "CostInitialize");
-    Check(::MsiDoActionW(session_.Get(), L"FileCost"), "FileCost");
-    Check(::MsiDoActionW(session_.Get(), L"CostFinalize"), "CostFinalize");
 }
 
 MessageCapture::MessageCapture(std::function<int(UINT, const std::wstring&)> replyFn) : reply(std::move(replyFn)) {

@@ -42,8 +42,7 @@ private:
 };
 
 // A package database made at run time and opened as an installer session.
-// Tables: Property, Directory (TARGETDIR), Component, Feature and
-// FeatureComponents with the components added before Open().
+// Tables: Property and Directory (TARGETDIR); more through Sql() before Open().
 class TestPackage {
 public:
     TestPackage();
@@ -52,11 +51,8 @@ public:
     // Runs one SQL statement on the database before it is opened.
     void Sql(const std::wstring& query);
     void AddProperty(const std::wstring& name, const std::wstring& value);
-    void AddComponent(const std::wstring& component, const std::wstring& guid);
     // Commits the database and opens a session on it (UI level none).
     MSIHANDLE Open();
-    // CostInitialize, FileCost, CostFinalize: afterwards component states can be set.
-    void Cost();
     MSIHANDLE Session() const { return session_.Get(); }
 
 private:

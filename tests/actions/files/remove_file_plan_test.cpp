@@ -61,13 +61,7 @@ TEST(RemoveFilePlan, RefusesRootsSystemFoldersAndTheFoldersAboveThem) {
 
 TEST(RemoveFilePlan, DecidesByTaskBitsConditionAndTheUpgradeRule) {
     test::FakeComponentStates states;
-    struct Case {
-        const wchar_t* component;
-        int bits;
-        const wchar_t* condition;
-        bool upgrading;
-        bool chosen;
-    };
+    struct Case { const wchar_t* component; int bits; const wchar_t* condition; bool upgrading; bool chosen; };
     const Case cases[] = {
         {L"Install", OnInstall, L"", false, true},       {L"Install", OnUninstall | OnReinstall, L"", false, false},
         {L"Remove", OnUninstall, L"", false, true},      {L"Remove", OnInstall, L"", false, false},

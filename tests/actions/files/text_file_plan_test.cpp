@@ -5,7 +5,6 @@
 #include "runtime/exception.h"
 #include "runtime/fake_component_states.h"
 
-#include <map>
 #include <set>
 #include <string>
 

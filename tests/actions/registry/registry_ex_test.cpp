@@ -31,12 +31,7 @@ std::wstring Failure(std::wstring_view value) {
 }
 
 TEST(RegistryNotation, EveryNotationWritesItsTypeAndRendersForTheRegistryEditor) {
-    struct Case {
-        std::wstring value;
-        std::uint32_t type;
-        std::vector<unsigned char> data;
-        std::wstring line;
-    };
+    struct Case { std::wstring value; std::uint32_t type; std::vector<unsigned char> data; std::wstring line; };
     const std::vector<Case> cases = {
         {L"#x0A0B", kRegBinary, {0x0A, 0x0B}, L"hex:0A,0B"},
         {L"#xabc", kRegBinary, {0xAB, 0x0C}, L"hex:ab,c"},
