@@ -23,7 +23,7 @@ import tempfile
 import time
 from pathlib import Path
 
-from msipackage import BUILD, DOUBLES, TEST_TOOLS, read_log
+from msipackage import BUILD, DOUBLES, TEST_TOOLS
 
 SESSION_MANAGER = r"HKLM\SYSTEM\CurrentControlSet\Control\Session Manager"
 RENAMES = "PendingFileRenameOperations"
@@ -50,21 +50,8 @@ def fresh_folder(path):
 
 
 def export_key(prefix, key, exists=False):
-    """The `reg export` text of `key` (continuation lines joined), or None when absent.
-    A key that `exists` is asked for up to three times: under load (two tiers side
-    by side) an export has come back empty once."""
-    work = Path(tempfile.mkdtemp(prefix="reg-", dir=BUILD))
-    try:
-        out = work / "key.reg"
-        for _ in range(3 if exists else 1):
-            # The 64-bit view, whichever reg.exe runs (the x86 tier's is 32-bit).
-            result = prefix.wine("reg", "export", key, prefix.windows_path(out), "/y", "/reg:64")
-            if out.exists():
-                return read_log(out).replace("\\\r\n", "").replace("\\\n", "")
-        assert not exists, f"reg export of {key} failed: {result.returncode} {result.stdout} {result.stderr}"
-        return None
-    finally:
-        shutil.rmtree(work, ignore_errors=True)
+    """The `reg export` text of `key`, or None when absent (see Prefix.export_key)."""
+    return prefix.export_key(key, exists)
 
 
 def registry_values(prefix, key):

@@ -91,30 +91,37 @@ class Prefix:
         finally:
             shutil.rmtree(work, ignore_errors=True)
 
+    def export_key(self, key, exists=False):
+        """The `reg export` text of `key` in the 64-bit view (continuation lines
+        joined), or None when absent. A key that `exists` is asked for up to
+        three times: under load (two tiers side by side) an export has come
+        back empty once."""
+        work = Path(tempfile.mkdtemp(prefix="reg-", dir=BUILD))
+        try:
+            out = work / "key.reg"
+            for _ in range(3 if exists else 1):
+                # /reg:64 whichever reg.exe runs (the x86 tier's is 32-bit).
+                result = self.wine("reg", "export", key, self.windows_path(out), "/y", "/reg:64")
+                if out.exists():
+                    return read_log(out).replace("\\\r\n", "").replace("\\\n", "")
+            assert not exists, f"reg export of {key} failed: {result.returncode} {result.stdout} {result.stderr}"
+            return None
+        finally:
+            shutil.rmtree(work, ignore_errors=True)
+
     def pending_renames(self):
         """The restart-time rename list as (source, target) pairs, "\\??\\" kept.
         Read through `reg export`, whose hex(7) form keeps every NUL."""
-        work = Path(tempfile.mkdtemp(prefix="reg-", dir=BUILD))
-        try:
-            out = work / "sm.reg"
-            for _ in range(3):  # the key always exists: an export without a file is a hiccup under load
-                self.wine("reg", "export", r"HKLM\SYSTEM\CurrentControlSet\Control\Session Manager",
-                          self.windows_path(out), "/y")
-                if out.exists():
-                    break
-            assert out.exists(), "reg export of the Session Manager key failed three times"
-            text = read_log(out).replace("\\\r\n", "").replace("\\\n", "")
-            match = re.search(r'^"PendingFileRenameOperations"=hex\(7\):([0-9a-fA-F,\s]*)$', text, re.M)
-            if not match:
-                return []
-            data = bytes(int(h, 16) for h in re.findall(r"[0-9a-fA-F]{2}", match.group(1)))
-            text = data.decode("utf-16-le")
-            if not text.endswith("\0\0"):
-                return []  # empty or malformed: read as an empty list, as the library does
-            strings = text[:-1].split("\0")[:-1]  # without the list's closing NUL and the last split piece
-            return list(zip(strings[0::2], strings[1::2]))
-        finally:
-            shutil.rmtree(work, ignore_errors=True)
+        text = self.export_key(r"HKLM\SYSTEM\CurrentControlSet\Control\Session Manager", exists=True)
+        match = re.search(r'^"PendingFileRenameOperations"=hex\(7\):([0-9a-fA-F,\s]*)$', text, re.M)
+        if not match:
+            return []
+        data = bytes(int(h, 16) for h in re.findall(r"[0-9a-fA-F]{2}", match.group(1)))
+        text = data.decode("utf-16-le")
+        if not text.endswith("\0\0"):
+            return []  # empty or malformed: read as an empty list, as the library does
+        strings = text[:-1].split("\0")[:-1]  # without the list's closing NUL and the last split piece
+        return list(zip(strings[0::2], strings[1::2]))
 
     def clear_pending_renames(self):
         self.wine("reg", "delete", r"HKLM\SYSTEM\CurrentControlSet\Control\Session Manager", "/v",
