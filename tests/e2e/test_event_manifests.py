@@ -69,8 +69,10 @@ class EventManifests(InstallerCase):
         # back the whole list and only logs the failure on the third.
         self.assertEqual(self.calls(), [command("im", self.paths[0]), command("im", self.paths[1])] +
                          [command("um", p) for p in self.paths])
+        deferred = library_lines(log, "InstallEventManifestDeferred")
         self.assertIn(f"Failed to register event manifest '{self.paths[1]}'. Process returned error 5 "
-                      "Error 0x80004005.", library_lines(log, "InstallEventManifestDeferred"))
+                      "Error 0x80004005.", deferred)
+        self.assertIn(f"> wevtutil double: failing '{command('im', self.paths[1])}'", deferred)  # its standard error
         rollback = library_lines(log, "InstallEventManifestRollback")
         self.assertIn(f"Ignore: failed to unregister event manifest '{self.paths[2]}'. Process returned error 7 "
                       "Error 0x80004005.", rollback)

@@ -227,7 +227,7 @@ class RegistryFaults(FaultCase):
         rows = [("Over", "2", k, "Over", "#7", "Main", "0", "", ""),
                 ("New", "2", k, "New", "a[\\[]~[\\]]b", "Main", "0", "", ""),
                 ("Deep", "2", k + "\\X\\Y", "Deep", "#x00ff", "Main", "0", "", ""),
-                ("Empty", "2", k + "\\Empty", "V", "v", "Main", "0", "", ""),
+                ("Empty", "2", k + "\\Empty\\Below", "V", "v", "Main", "0", "", ""),  # below a key that was empty
                 ("Doomed", "2", k + "\\Doomed", "", "", "Main", "9", "", ""),
                 ("Default", "2", k, "", "#%%TEMP%", "Main", "0", "", ""),
                 ("File", "2", k, "InFile", "x", "Main", "0", "", "[INSTALLDIR]values.reg")]
@@ -239,9 +239,12 @@ class RegistryFaults(FaultCase):
         return package
 
     def prepare(self):
-        self.reg("add", self.native, "/v", "Over", "/t", "REG_SZ", "/d", "old", "/f")
+        # Longer than the first buffer the snapshot reads into.
+        self.reg("add", self.native, "/v", "Over", "/t", "REG_SZ", "/d", "old" * 400, "/f")
         self.reg("add", self.native, "/ve", "/t", "REG_BINARY", "/d", "00", "/f")
-        self.reg("add", self.native + "\\Empty", "/f")
+        # Wine's reg.exe gives a key it adds an empty default value: an empty key is what is left of a deeper one.
+        self.reg("add", self.native + "\\Empty\\Gone", "/f")
+        self.reg("delete", self.native + "\\Empty\\Gone", "/f")
         self.reg("add", self.native + "\\Doomed\\Inner", "/v", "I", "/t", "REG_DWORD", "/d", "3", "/f")
         old_file(self.folder / "values.reg", "Windows Registry Editor Version 5.00\r\n".encode("utf-16"))
         return MachineState(self.prefix, [self.folder], registry_keys=[self.native])

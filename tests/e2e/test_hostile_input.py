@@ -89,7 +89,7 @@ class Hostile(InstallerCase):
         values = {
             "odd byte count": (utf16_hex(["\\??\\C:\\a", "\\??\\C:\\b"]) + b"\x01", 7),
             "odd number of strings": (utf16_hex(["\\??\\C:\\a"]), 7),
-            "REG_BINARY": (b"\x01\x02\x03", 3),
+            "a list as REG_BINARY": (utf16_hex(["\\??\\C:\\a", "\\??\\C:\\b"]), 3),
         }
         for case, (data, type_code) in values.items():
             for lock in ("1", "0"):

@@ -13,23 +13,10 @@ namespace {
 
 using namespace std::string_literals;
 using test::ReadBytes;
-using test::SavedPendingRenames;
 using test::Thrown;
 using test::WriteBytes;
 
 class FileOperationsTest : public test::ServicesTest {};
-
-TEST_F(FileOperationsTest, WritesUtf16WithByteOrderMarkAndOneCrLfPerLine) {
-    const std::wstring path = dir_.File(L"out.txt");
-    WriteBytes(path, "previous longer content that must be truncated");
-    WriteUtf16File(path, L"a\r\nb\nc[x]\u00E9");
-    EXPECT_EQ(ReadBytes(path), "\xFF\xFE" "a\0\r\0\n\0b\0\r\0\n\0c\0[\0x\0]\0\xE9\0"s);
-    WriteUtf16File(path, L"");
-    EXPECT_EQ(ReadBytes(path), "\xFF\xFE"s);
-    const Exception missing = Thrown([&] { WriteUtf16File(dir_.File(L"missing\\x.txt"), L"x"); });
-    EXPECT_EQ(missing.Message(), L"Failed to write file '" + dir_.File(L"missing\\x.txt") + L"'.");
-    EXPECT_EQ(missing.Code(), static_cast<HResult>(0x80070003));
-}
 
 TEST_F(FileOperationsTest, NewFilesAreCreatedExclusivelyAndNeverOpenWhatExists) {
     NewFile a = CreateStagingFile(dir_.Path(), L"TMP");
@@ -68,20 +55,6 @@ TEST_F(FileOperationsTest, NewFilesAreCreatedExclusivelyAndNeverOpenWhatExists) 
     EXPECT_EQ(ReadBytes(copy), "theirs");
     EXPECT_NE(log.find(L"Copy file '" + source + L"' -> '" + copy + L"'."), std::wstring::npos) << log;
     ::SetFileAttributesW(source.c_str(), FILE_ATTRIBUTE_NORMAL);
-}
-
-TEST_F(FileOperationsTest, RestartFallbacksQueueTheDeletionFirst) {
-    SavedPendingRenames::Remove();
-    const std::wstring staged = dir_.File(L"staged.tmp"), target = dir_.File(L"target.txt");
-    const std::wstring log = Logged([&] {
-        RemoveFileWithFallback(dir_.File(L"ghost.txt"), true);
-        MoveFileOnReboot(staged, target);
-    });
-    EXPECT_EQ(test::QueuedRenames(), (PendingRenameList{{dir_.File(L"ghost.txt"), L""}, {target, L""},
-                                                        {staged, target}}));
-    EXPECT_NE(log.find(L"Remove file on reboot '" + dir_.File(L"ghost.txt") + L"'."), std::wstring::npos) << log;
-    EXPECT_EQ(Thrown([&] { RemoveFileWithFallback(dir_.File(L"none"), false); }).Message(),
-              L"Failed to remove file " + dir_.File(L"none"));
 }
 
 }  // namespace

@@ -5,13 +5,8 @@
 #include <chrono>
 #include <string>
 #include <thread>
-#include <tuple>
-#include <vector>
 
 #include "runtime/action_frame.h"
-#include "runtime/exception.h"
-#include "services/file_operations.h"
-#include "services/file_write.h"
 #include "services/pending_rename_store.h"
 #include "services/services_wine_support.h"
 #include "wine_support/test_package.h"
@@ -21,63 +16,9 @@ namespace {
 
 using namespace std::string_literals;
 using test::MessageCapture;
-using test::ReadBytes;
 using test::SavedPendingRenames;
-using test::TempDir;
-using test::TestPackage;
-using test::WriteBytes;
 
 class PendingRenameStoreTest : public test::ServicesTest {};
-
-TEST_F(PendingRenameStoreTest, ReadsAndWritesTheRealValue) {
-    SavedPendingRenames::Remove();
-    EXPECT_EQ(TakePendingRenameSnapshot(), PendingRenameSnapshot{});  // absent
-    const PendingRenameList list = {{L"\\??\\C:\\a", L"!\\??\\C:\\b"}, {L"\\??\\C:\\c", L""}};
-    WritePendingRenames(list);
-    std::wstring raw;
-    DWORD type = 0;
-    ASSERT_TRUE(SavedPendingRenames::ReadRaw(raw, type));
-    EXPECT_EQ(type, static_cast<DWORD>(REG_MULTI_SZ));
-    EXPECT_EQ(raw, L"\\??\\C:\\a\0!\\??\\C:\\b\0\\??\\C:\\c\0\0\0"s);
-    EXPECT_EQ(TakePendingRenameSnapshot(), (PendingRenameSnapshot{true, list}));
-    WritePendingRenames({});  // an empty list is a value of zero bytes, not an absent one
-    ASSERT_TRUE(SavedPendingRenames::ReadRaw(raw, type));
-    EXPECT_TRUE(raw.empty());
-    EXPECT_EQ(TakePendingRenameSnapshot(), (PendingRenameSnapshot{true, {}}));
-    RemovePendingRenames();
-    RemovePendingRenames();  // absent already: not an error
-    EXPECT_FALSE(SavedPendingRenames::ReadRaw(raw, type));
-}
-
-TEST_F(PendingRenameStoreTest, AValueThatIsNotAListIsRefusedForASnapshotAndNeverRewritten) {
-    const std::wstring list = L"\\??\\C:\\a\0\\??\\C:\\b\0\0"s;
-    const std::tuple<DWORD, std::wstring, std::wstring> cases[] = {
-        {REG_SZ, L"C:\\a\0"s, L"Unexpected type of registry value: "},
-        {REG_BINARY, list, L"Unexpected type of registry value: "},  // pairs, but not a REG_MULTI_SZ
-        {REG_MULTI_SZ, L"\\??\\C:\\theirs\0\\??\\C:\\other"s, L"The registry value "},  // no closing NULs
-        {REG_MULTI_SZ, L"\\??\\C:\\odd\0\0"s, L"The registry value "},                   // an odd number of strings
-    };
-    for (const auto& [setType, value, message] : cases) {
-        SavedPendingRenames::SetRaw(setType, value);
-        std::wstring before, after;
-        DWORD type = 0;
-        ASSERT_TRUE(SavedPendingRenames::ReadRaw(before, type));
-        try {
-            TakePendingRenameSnapshot();
-            ADD_FAILURE() << "no exception";
-        } catch (const Exception& e) {
-            EXPECT_EQ(e.Code(), static_cast<HResult>(0x8000FFFF));
-            EXPECT_EQ(e.Message().substr(0, message.size()), message);
-            EXPECT_NE(e.Message().find(L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\"
-                                       L"PendingFileRenameOperations"), std::wstring::npos);
-        }
-        const std::wstring log = Logged([&] { RollbackPendingRenames({}, {L"C:\\other"}); });
-        EXPECT_NE(log.find(L"It is left as it is."), std::wstring::npos) << log;
-        ASSERT_TRUE(SavedPendingRenames::ReadRaw(after, type));
-        EXPECT_EQ(after, before);
-        EXPECT_EQ(type, setType);
-    }
-}
 
 // Creates "\PendingRenameMutex" at the root of the object namespace on its own
 // thread, owned by that thread (or free) until the end of the scope.
