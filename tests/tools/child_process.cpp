@@ -1,8 +1,5 @@
-// A child process for the runner's tests. Each argument is one step:
+// A child process for the runner's test and benchmark. Each argument is one step:
 //   out:<text>   <text> and CR LF to standard output
-//   err:<text>   <text> and CR LF to standard error
-//   raw:<text>   <text> alone to standard output
-//   blank        an empty line (CR LF) to standard output
 //   bulk:<n>     n bytes of numbered 100-byte lines to standard output, in one write
 //                (so the reader's reads cut lines anywhere)
 //   sleep:<ms>   a pause
@@ -36,12 +33,6 @@ int main(int argc, char** argv) {
         const char* rest = nullptr;
         if (Starts(argv[i], "out:", &rest)) {
             Write(STD_OUTPUT_HANDLE, std::string(rest) + "\r\n");
-        } else if (Starts(argv[i], "err:", &rest)) {
-            Write(STD_ERROR_HANDLE, std::string(rest) + "\r\n");
-        } else if (Starts(argv[i], "raw:", &rest)) {
-            Write(STD_OUTPUT_HANDLE, rest);
-        } else if (std::strcmp(argv[i], "blank") == 0) {
-            Write(STD_OUTPUT_HANDLE, "\r\n");
         } else if (Starts(argv[i], "bulk:", &rest)) {
             const long total = std::atol(rest);
             std::string all;
