@@ -3,7 +3,6 @@
 #include <string>
 
 #include "runtime/exception.h"
-#include "services/file_operations.h"
 #include "services/file_write.h"
 #include "services/path.h"
 #include "services/services_wine_support.h"

@@ -23,10 +23,11 @@ public:
     // Replaces the value with raw data of the given type (for malformed cases).
     static void SetRaw(DWORD type, const std::wstring& raw);
     static void Remove();
-    // The value's raw characters; nothing when absent.
-    static bool ReadRaw(std::wstring& raw, DWORD& type);
 
 private:
+    // The value's raw characters; false when absent.
+    static bool ReadRaw(std::wstring& raw, DWORD& type);
+
     bool existed_ = false;
     DWORD type_ = REG_MULTI_SZ;
     std::wstring raw_;
