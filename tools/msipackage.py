@@ -17,6 +17,8 @@ import unittest
 import uuid
 from pathlib import Path
 
+import kit as kitlib
+
 ROOT = Path(__file__).resolve().parents[1]
 KIT = ROOT / "packaging"
 BUILD = Path(os.environ.get("UTILS_BUILD", ROOT / "build"))
@@ -28,6 +30,8 @@ ARCH = os.environ.get("UTILS_ARCH", "x64")
 # Where a process of the DLL's architecture finds C:\windows\system32: a
 # 32-bit process is redirected to syswow64, so 32-bit doubles of system tools go there.
 SYSTEM_DIR = "windows/syswow64" if ARCH == "x86" else "windows/system32"
+# Where a row without the Win64 bit lands below HKLM\Software: the DLL's own registry view.
+WOW = "Wow6432Node\\" if ARCH == "x86" else ""
 # Test programs built for the DLL's architecture (helpers), and the stand-ins
 # for system tools that authors use too.
 TEST_TOOLS = DLL.parent / "tests"
@@ -130,6 +134,10 @@ class Prefix:
     def restart(self):
         """What a restart does to the rename list: wineboot -r carries it out."""
         self.wine("wineboot", "-r", timeout=180)
+
+    def reg(self, *args):
+        """reg.exe in the 64-bit view, which a 32-bit reg.exe (the x86 tier's) reaches only when asked to."""
+        return self.wine("reg", *args, "/reg:64")
 
     def reg_query(self, key, value=None):
         """The data of one value as `reg query` prints it, or None when absent."""
@@ -273,10 +281,13 @@ class Package:
             # The library as an author adds it: the kit's tool, merging.
             # A test that loosens a kit table's columns (to plant an empty
             # value) brings its own definition, without the kit's validation.
+            # The actions of every kit table the package holds come with it, loosened or not.
             kit_tables = [t for t, (header, _) in self.tables.items()
                           if (KIT / f"{t}.idt").exists() and read_idt(KIT / f"{t}.idt")[0] == header]
+            actions = list(self.kit_actions) + [a["name"] for a in kitlib.load()["actions"]
+                                                if set(a.get("tables", [])) & set(self.tables)]
             subprocess.run([str(ROOT / "tools" / "add-setup-utils"), str(msi), "--dll", str(DLL),
-                            "--tables", ",".join(kit_tables), "--actions", ",".join(self.kit_actions)],
+                            "--tables", ",".join(kit_tables), "--actions", ",".join(actions)],
                            check=True, capture_output=True)
             args = ["msibuild", str(msi)]
             for name, (header, rows) in self.tables.items():
@@ -329,6 +340,12 @@ class InstallerCase(unittest.TestCase):
     def tearDown(self):
         if self.clears_renames:
             self.prefix.clear_pending_renames()
+
+    def scratch_keys(self, *keys):
+        """Registry keys (64-bit view) removed now and again when the test ends."""
+        for key in keys:
+            self.prefix.reg("delete", key, "/f")
+            self.addCleanup(self.prefix.reg, "delete", key, "/f")
 
     def run_msiexec(self, package, mode, *args, log="install.log"):
         msi = getattr(package, "msi", None) or package.build(self.work)

@@ -3,8 +3,6 @@ import unittest
 from machine_state import WevtutilDouble
 from msipackage import InstallerCase, Package, Prefix, library_lines, scratch_dir
 
-ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "InstallEventManifestRollback",
-           "UninstallEventManifest", "UninstallEventManifestDeferred", "UninstallEventManifestRollback")
 MANIFESTS = (("ev1", "events one.man"), ("ev2", "second.man"), ("ev3", "third.man"))
 command = WevtutilDouble.command
 
@@ -24,7 +22,6 @@ class EventManifests(InstallerCase):
         """Three manifests installed with one component; rows default to one per manifest."""
         package = Package(self.name).add_component("Manifests", [(fid, fname, "<instrumentationManifest/>")
                                                             for fid, fname in MANIFESTS])
-        package.use_kit(*ACTIONS)
         if rows is None:
             rows = [(f"M{i}", "Manifests", f"[#{fid}]") for i, (fid, _) in enumerate(MANIFESTS, 1)]
         package.add_table("EventManifest", rows)

@@ -15,11 +15,8 @@ import unittest
 from cabinet import A_ARCH, A_HIDDEN, A_RDONLY, cabinet_bytes
 from machine_state import HeldFile, Manifests, MachineState, WevtutilDouble, differences, fresh_folder, old_file, \
     rename_value, set_rename_value, utf16_hex
-from msipackage import ARCH, InstallerCase, Package, Prefix, library_lines, scratch_dir
+from msipackage import WOW, InstallerCase, Package, Prefix, library_lines, scratch_dir
 
-TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
-MANIFEST_ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "InstallEventManifestRollback",
-                    "UninstallEventManifest", "UninstallEventManifestDeferred", "UninstallEventManifestRollback")
 BEFORE_TEXT_FILES = 4400   # InstallTextFiles schedules at 4500
 AFTER_REGISTRY = 5025      # InstallRegFiles schedules at 5020
 AFTER_REGISTRY_REMOVAL = 2650  # UninstallRegFiles schedules at 2590
@@ -71,7 +68,6 @@ class TextFileFaults(FaultCase):
 
     def package(self, name, files=("1.ini", "2.ini", "3.ini"), fail_at=AFTER_EVERYTHING, **properties):
         package = Package(name[:48]).add_component("Main", [("readme", "readme.txt", "r")])
-        package.use_kit(*TEXT_ACTIONS)
         package.add_table("TextFile", [(f"{f}-{i}", f"[INSTALLDIR]{f}", f"line {i} of {f}", "Main", "")
                                        for f in files for i in (1, 2)])
         for key, value in properties.items():
@@ -160,7 +156,6 @@ class EventManifestFaults(FaultCase):
 
     def package(self, name):
         package = Package(name).add_component("Manifests", [(f"ev{i}", f"m{i}.man", "<m/>") for i in (1, 2, 3)])
-        package.use_kit(*MANIFEST_ACTIONS)
         package.add_table("EventManifest", [(f"M{i}", "Manifests", f"[#ev{i}]") for i in (1, 2, 3)])
         self.paths = [f"C:\\Program Files\\{package.directory}\\m{i}.man" for i in (1, 2, 3)]
         return package
@@ -211,16 +206,9 @@ class RegistryFaults(FaultCase):
     def setUp(self):
         super().setUp()
         self.key = "Software\\SetupUtilsFault\\" + self.name
-        wow = "Wow6432Node\\" if ARCH == "x86" else ""
-        self.native = "HKLM\\Software\\" + wow + "SetupUtilsFault\\" + self.name
-        self.reg("delete", self.native, "/f")
-
-    def tearDown(self):
-        self.reg("delete", self.native, "/f")
-        super().tearDown()
-
-    def reg(self, *args):
-        return self.prefix.wine("reg", *args, "/reg:64")
+        self.native = "HKLM\\Software\\" + WOW + "SetupUtilsFault\\" + self.name
+        self.scratch_keys(self.native)
+        self.reg = self.prefix.reg
 
     def package(self, name, **fail):
         k = self.key
@@ -377,7 +365,7 @@ class CabinetFaults(FaultCase):
     it added and restores the record; a failed uninstall puts every removed
     file and folder back."""
 
-    RECORDS = "HKLM\\Software\\" + ("Wow6432Node\\" if ARCH == "x86" else "") + "Setup Utils\\CabPackage"
+    RECORDS = "HKLM\\Software\\" + WOW + "Setup Utils\\CabPackage"
 
     def package(self, name):
         cab = cabinet_bytes([("a.txt", b"new a"), ("ro.txt", b"new ro", A_RDONLY | A_ARCH),
@@ -416,7 +404,7 @@ class XmlFileFaults(FaultCase):
     byte, with its times and attributes, no created file and no records; a
     failed uninstall puts the edited files and the records back."""
 
-    RECORDS = "HKLM\\Software\\" + ("Wow6432Node\\" if ARCH == "x86" else "") + "Setup Utils\\XmlFile"
+    RECORDS = "HKLM\\Software\\" + WOW + "Setup Utils\\XmlFile"
 
     def package(self, name, win):
         rows = [("Port", f"{win}\\app.config", "//add[@key='port']", "0", "value", "8080", "", "1", "0"),

@@ -9,9 +9,6 @@ import unittest
 from machine_state import MachineState, WevtutilDouble, differences, rename_value, set_rename_value, utf16_hex
 from msipackage import InstallerCase, Package, library_lines, scratch_dir
 
-TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
-MANIFEST_ACTIONS = ("InstallEventManifest", "InstallEventManifestDeferred", "InstallEventManifestRollback",
-                    "UninstallEventManifest", "UninstallEventManifestDeferred", "UninstallEventManifestRollback")
 AFTER_EVERYTHING = 6550
 
 
@@ -26,7 +23,7 @@ class Hostile(InstallerCase):
         self.secret.write_bytes(b"outside bytes")
 
     def text_package(self, name, rows, **properties):
-        package = self.table_package("TextFile", rows, name, **properties).use_kit(*TEXT_ACTIONS)
+        package = self.table_package("TextFile", rows, name, **properties)
         self.folder = package.install_dir(self.prefix)
         self.folder.mkdir(parents=True, exist_ok=True)
         return package
@@ -76,7 +73,6 @@ class Hostile(InstallerCase):
         double = self.enterContext(WevtutilDouble(self.prefix, scratch_dir("wevtutil-original-hostile")))
         double.use_in(self.prefix)
         package = Package("HostileManifest").add_component("Manifests", [("ev1", "m.man", "<m/>")])
-        package.use_kit(*MANIFEST_ACTIONS)
         evil = '[#ev1]" /rf:"C:\\Outside\\evil.dll'
         package.add_table("EventManifest", [("M1", "Manifests", evil)])
         log = self.run_expecting(1603, package, "/i")
@@ -115,7 +111,7 @@ class Hostile(InstallerCase):
         double = self.enterContext(WevtutilDouble(self.prefix, scratch_dir("wevtutil-original-hostile")))
         double.use_in(self.prefix)
         package = Package("HostileOutput").add_component("Manifests", [("ev1", "m.man", "<m/>")])
-        package.use_kit(*MANIFEST_ACTIONS).add_table("EventManifest", [("M1", "Manifests", "[#ev1]")])
+        package.add_table("EventManifest", [("M1", "Manifests", "[#ev1]")])
         (double.folder / "rules.txt").write_text(" im \t0\t1048576\n")
         log = self.run_expecting(0, package, "/i")
         lines = [l for l in library_lines(log, "InstallEventManifestDeferred") if l.startswith("> line ")]

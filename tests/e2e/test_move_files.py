@@ -12,8 +12,6 @@ import unittest
 from machine_state import OLD_TIME, HeldFile, fresh_folder, old_file
 from msipackage import InstallerCase, library_lines
 
-ACTIONS = ("MoveFilesEx", "MoveFilesExRollback", "MoveFilesExDeferredUser", "MoveFilesExDeferred",
-           "MoveFilesExFinalize")
 INSTALL, REINSTALL, UNINSTALL, OPTIONAL, MOVE = 0x1, 0x2, 0x4, 0x10, 0x20
 IMMEDIATE, DEFERRED, COMMIT, ROLLBACK, AT_RESTART, CONTINUE = 0x100, 0x200, 0x400, 0x800, 0x1000, 0x2000
 
@@ -31,7 +29,7 @@ class MoveFiles(InstallerCase):
 
     def package(self, rows, fail_at=None, **properties):
         return self.table_package("MoveFileEx", [(i, "Main", s, d, str(a), c) for i, s, d, a, c in rows],
-                                  fail_at=fail_at, **properties).use_kit(*ACTIONS)
+                                  fail_at=fail_at, **properties)
 
     def files(self):
         return sorted(str(p.relative_to(self.root)) for p in self.root.rglob("*") if p.is_file())

@@ -15,16 +15,9 @@ REGISTRY_ACTIONS = [["WriteRegistryValues", "", "5000"], ["RemoveRegistryValues"
 class OsAndRegistry(InstallerCase):
     def setUp(self):
         super().setUp()
+        # The packages are 64-bit: their values live in the 64-bit view.
         self.key = "Software\\SetupUtilsTest\\" + self.name[:30]
-        self.reg("delete", "HKLM\\" + self.key, "/f")
-
-    def tearDown(self):
-        self.reg("delete", "HKLM\\" + self.key, "/f")
-
-    def reg(self, *args):
-        # The packages are 64-bit: their values live in the 64-bit view, which
-        # a 32-bit reg.exe (the x86 tier's) reaches only when asked to.
-        return self.prefix.wine("reg", *args, "/reg:64")
+        self.scratch_keys("HKLM\\" + self.key)
 
     def value(self, name):
         """The value's data as `reg export` writes it (type and bytes), or None."""
@@ -68,7 +61,7 @@ class OsAndRegistry(InstallerCase):
         # A value before: the library's rollback writes it back, type and data.
         # Wine's own rollback of WriteRegistryValues then removes the value
         # (Windows restores it): a limit of Wine, not of the library.
-        self.reg("add", "HKLM\\" + self.key, "/v", "Big", "/t", "REG_SZ", "/d", "old", "/f")
+        self.prefix.reg("add", "HKLM\\" + self.key, "/v", "Big", "/t", "REG_SZ", "/d", "old", "/f")
         log = self.run_expecting(1603, self.qword_package("QwordFailsOld", fail=True), "/i", log="failing-old.log")
         self.assertIn(f"Write registry value: Key '{self.key}', Name 'Big', Value 'old'.",
                       library_lines(log, "FixQwordRegistryRollback"))

@@ -11,9 +11,8 @@ The checks read the 64-bit view, where both are visible."""
 import unittest
 
 from machine_state import MachineState, differences, export_key, registry_values
-from msipackage import ARCH, InstallerCase, Package, library_lines
+from msipackage import WOW, InstallerCase, Package, library_lines
 
-WOW = "Wow6432Node\\" if ARCH == "x86" else ""
 INSTALL = ("InstallRegFiles", "InstallRegistryDeferred", "InstallRegistryRollback")
 UNINSTALL = ("UninstallRegFiles", "UninstallRegistryDeferred", "UninstallRegistryRollback")
 
@@ -24,15 +23,8 @@ class RegistryEx(InstallerCase):
         self.key = "SOFTWARE\\SetupUtilsTest\\" + self.name          # as the rows write it
         self.native = "HKLM\\SOFTWARE\\" + WOW + "SetupUtilsTest\\" + self.name  # where the DLL's view puts it
         self.wide = "HKLM\\SOFTWARE\\SetupUtilsTest\\" + self.name + "W"  # Win64 rows
-        for key in (self.native, self.wide):
-            self.reg("delete", key, "/f")
-
-    def tearDown(self):
-        for key in (self.native, self.wide):
-            self.reg("delete", key, "/f")
-
-    def reg(self, *args):
-        return self.prefix.wine("reg", *args, "/reg:64")
+        self.scratch_keys(self.native, self.wide)
+        self.reg = self.prefix.reg
 
     def values(self, key):
         return registry_values(self.prefix, key)

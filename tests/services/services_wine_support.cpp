@@ -1,5 +1,9 @@
 #include "services/services_wine_support.h"
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
 #include "services/pending_rename_store.h"
 
 namespace setup::test {
@@ -14,10 +18,10 @@ RegistryKey OpenSessionManager(REGSAM access) {
 
 }  // namespace
 
-SavedPendingRenames::SavedPendingRenames() { existed_ = ReadRaw(raw_, type_); }
+SavedPendingRenames::SavedPendingRenames() : saved_(ReadPendingRenameValue()) {}
 
 SavedPendingRenames::~SavedPendingRenames() {
-    if (existed_) SetRaw(type_, raw_);
+    if (saved_.exists) SetRaw(saved_.type, saved_.data);
     else Remove();
 }
 
@@ -32,17 +36,6 @@ void SavedPendingRenames::Remove() {
     ::RegDeleteValueW(key.Get(), kPendingRenamesValue);
 }
 
-bool SavedPendingRenames::ReadRaw(std::wstring& raw, DWORD& type) {
-    RegistryKey key = OpenSessionManager(KEY_QUERY_VALUE);
-    DWORD bytes = 0;
-    if (::RegQueryValueExW(key.Get(), kPendingRenamesValue, nullptr, &type, nullptr, &bytes) != ERROR_SUCCESS) {
-        return false;
-    }
-    raw.assign(bytes / sizeof(wchar_t), L'\0');
-    ::RegQueryValueExW(key.Get(), kPendingRenamesValue, nullptr, &type, reinterpret_cast<BYTE*>(raw.data()), &bytes);
-    return true;
-}
-
 PendingRenameList QueuedRenames() {
     PendingRenameList list = ParsePendingRenames(ReadPendingRenameValue().data).value_or(PendingRenameList{});
     for (PendingRename& entry : list) {
@@ -53,20 +46,12 @@ PendingRenameList QueuedRenames() {
 }
 
 void WriteBytes(const std::wstring& path, const std::string& bytes) {
-    FileHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    DWORD written = 0;
-    ::WriteFile(file.Get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr);
+    std::ofstream(std::filesystem::path(path), std::ios::binary) << bytes;
 }
 
 std::string ReadBytes(const std::wstring& path) {
-    FileHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                  OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-    if (!file) return "<missing>";
-    std::string bytes;
-    char buffer[4096];
-    DWORD read = 0;
-    while (::ReadFile(file.Get(), buffer, sizeof(buffer), &read, nullptr) && read > 0) bytes.append(buffer, read);
-    return bytes;
+    std::ifstream file(std::filesystem::path(path), std::ios::binary);
+    return file ? std::string(std::istreambuf_iterator<char>(file), {}) : "<missing>";
 }
 
 }  // namespace setup::test

@@ -7,6 +7,7 @@
 
 #include "runtime/unique_handle.h"
 #include "services/pending_rename_list.h"
+#include "services/pending_rename_store.h"
 #include "wine_support/test_package.h"
 
 namespace setup::test {
@@ -25,12 +26,7 @@ public:
     static void Remove();
 
 private:
-    // The value's raw characters; false when absent.
-    static bool ReadRaw(std::wstring& raw, DWORD& type);
-
-    bool existed_ = false;
-    DWORD type_ = REG_MULTI_SZ;
-    std::wstring raw_;
+    PendingRenameValue saved_;
 };
 
 // A session to log through, a scratch directory and the machine's rename list

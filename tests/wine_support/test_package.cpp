@@ -1,6 +1,8 @@
 #include "wine_support/test_package.h"
 
+#include <filesystem>
 #include <stdexcept>
+#include <utility>
 
 #include <wtypes.h>
 
@@ -8,33 +10,8 @@ namespace setup::test {
 
 namespace {
 
-// MinGW's headers lack the PID_* summary constants.
-constexpr UINT kPidTemplate = 7;
-constexpr UINT kPidRevision = 9;
-constexpr UINT kPidPageCount = 14;
-constexpr UINT kPidWordCount = 15;
-
 void Check(UINT status, const char* what) {
     if (status != ERROR_SUCCESS) throw std::runtime_error(std::string(what) + " failed: " + std::to_string(status));
-}
-
-void RemoveTree(const std::wstring& path) {
-    WIN32_FIND_DATAW entry;
-    FindHandle find(::FindFirstFileW((path + L"\\*").c_str(), &entry));
-    if (find) {
-        do {
-            const std::wstring name = entry.cFileName;
-            if (name == L"." || name == L"..") continue;
-            const std::wstring child = path + L"\\" + name;
-            if (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-                RemoveTree(child);
-            } else {
-                ::SetFileAttributesW(child.c_str(), FILE_ATTRIBUTE_NORMAL);
-                ::DeleteFileW(child.c_str());
-            }
-        } while (::FindNextFileW(find.Get(), &entry));
-    }
-    ::RemoveDirectoryW(path.c_str());
 }
 
 INT CALLBACK Handler(LPVOID context, UINT type, LPCWSTR text) {
@@ -47,18 +24,17 @@ INT CALLBACK Handler(LPVOID context, UINT type, LPCWSTR text) {
 }  // namespace
 
 TempDir::TempDir() {
-    wchar_t temp[MAX_PATH] = {};
-    ::GetTempPathW(MAX_PATH, temp);
     static unsigned counter = 0;
-    for (;;) {
-        path_ = std::wstring(temp) + L"utils-test-" + std::to_wstring(::GetCurrentProcessId()) + L"-" +
-                std::to_wstring(++counter);
-        if (::CreateDirectoryW(path_.c_str(), nullptr)) break;
-        if (::GetLastError() != ERROR_ALREADY_EXISTS) throw std::runtime_error("cannot create a temp directory");
-    }
+    const std::wstring base = std::filesystem::temp_directory_path().wstring() + L"\\utils-test-" +
+                              std::to_wstring(::GetCurrentProcessId()) + L"-";
+    do path_ = base + std::to_wstring(++counter);
+    while (!std::filesystem::create_directory(path_));
 }
 
-TempDir::~TempDir() { RemoveTree(path_); }
+TempDir::~TempDir() {
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+}
 
 TestPackage::TestPackage() : path_(dir_.File(L"test.msi")) {
     Check(::MsiOpenDatabaseW(path_.c_str(), MSIDBOPEN_CREATE, database_.Put()), "MsiOpenDatabaseW");
@@ -67,33 +43,18 @@ TestPackage::TestPackage() : path_(dir_.File(L"test.msi")) {
     Sql(L"CREATE TABLE `Directory` (`Directory` CHAR(72) NOT NULL, `Directory_Parent` CHAR(72), "
         L"`DefaultDir` CHAR(255) NOT NULL LOCALIZABLE PRIMARY KEY `Directory`)");
     Sql(L"INSERT INTO `Directory` (`Directory`, `DefaultDir`) VALUES ('TARGETDIR', 'SourceDir')");
-    AddProperty(L"ProductCode", L"{6A1F0C52-8E4B-4E0B-9C55-3D2A7B9E1F40}");
-    AddProperty(L"ALLUSERS", L"1");
-    AddProperty(L"ProductName", L"Setup Utils test");
-    AddProperty(L"ProductVersion", L"1.0.0");
-    AddProperty(L"Manufacturer", L"Setup Utils");
-    AddProperty(L"ProductLanguage", L"1033");
+    const std::pair<const wchar_t*, const wchar_t*> properties[] = {
+        {L"ProductCode", L"{6A1F0C52-8E4B-4E0B-9C55-3D2A7B9E1F40}"}, {L"ALLUSERS", L"1"},
+        {L"ProductName", L"Setup Utils test"}, {L"ProductVersion", L"1.0.0"}, {L"Manufacturer", L"Setup Utils"},
+        {L"ProductLanguage", L"1033"}};
+    for (const auto& [name, value] : properties) {
+        Sql(L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('" + std::wstring(name) + L"', '" + value + L"')");
+    }
 }
 
 TestPackage::~TestPackage() {
     session_.Reset();
     database_.Reset();
-}
-
-void TestPackage::Commit() {
-    if (committed_) return;
-    MsiHandle summary;
-    Check(::MsiGetSummaryInformationW(database_.Get(), nullptr, 8, summary.Put()), "MsiGetSummaryInformationW");
-    Check(::MsiSummaryInfoSetPropertyW(summary.Get(), kPidTemplate, VT_LPSTR, 0, nullptr, L"x64;1033"), "template");
-    Check(::MsiSummaryInfoSetPropertyW(summary.Get(), kPidRevision, VT_LPSTR, 0, nullptr,
-                                       L"{0C4C5F7D-91F5-4A0B-8F0B-5E8E2D9A6C21}"), "revision");
-    Check(::MsiSummaryInfoSetPropertyW(summary.Get(), kPidPageCount, VT_I4, 200, nullptr, nullptr), "page count");
-    Check(::MsiSummaryInfoSetPropertyW(summary.Get(), kPidWordCount, VT_I4, 0, nullptr, nullptr), "word count");
-    Check(::MsiSummaryInfoPersist(summary.Get()), "MsiSummaryInfoPersist");
-    summary.Reset();
-    Check(::MsiDatabaseCommit(database_.Get()), "MsiDatabaseCommit");
-    database_.Reset();
-    committed_ = true;
 }
 
 void TestPackage::Sql(const std::wstring& query) {
@@ -102,12 +63,20 @@ void TestPackage::Sql(const std::wstring& query) {
     Check(::MsiViewExecute(view.Get(), 0), "MsiViewExecute");
 }
 
-void TestPackage::AddProperty(const std::wstring& name, const std::wstring& value) {
-    Sql(L"INSERT INTO `Property` (`Property`, `Value`) VALUES ('" + name + L"', '" + value + L"')");
-}
-
 MSIHANDLE TestPackage::Open() {
-    Commit();
+    if (database_) {
+        // The summary's template (7), revision number (9) and schema (14) make the database a package.
+        MsiHandle summary;
+        Check(::MsiGetSummaryInformationW(database_.Get(), nullptr, 3, summary.Put()), "MsiGetSummaryInformationW");
+        Check(::MsiSummaryInfoSetPropertyW(summary.Get(), 7, VT_LPSTR, 0, nullptr, L"x64;1033"), "template");
+        Check(::MsiSummaryInfoSetPropertyW(summary.Get(), 9, VT_LPSTR, 0, nullptr,
+                                           L"{0C4C5F7D-91F5-4A0B-8F0B-5E8E2D9A6C21}"), "revision");
+        Check(::MsiSummaryInfoSetPropertyW(summary.Get(), 14, VT_I4, 200, nullptr, nullptr), "schema");
+        Check(::MsiSummaryInfoPersist(summary.Get()), "MsiSummaryInfoPersist");
+        summary.Reset();
+        Check(::MsiDatabaseCommit(database_.Get()), "MsiDatabaseCommit");
+        database_.Reset();
+    }
     session_.Reset();
     ::MsiSetInternalUI(INSTALLUILEVEL_NONE, nullptr);
     Check(::MsiOpenPackageW(path_.c_str(), session_.Put()), "MsiOpenPackageW");
@@ -137,22 +106,14 @@ std::vector<std::wstring> MessageCapture::Info() const {
     return lines;
 }
 
-std::vector<std::wstring> MessageCapture::Errors() const {
-    std::vector<std::wstring> lines;
+bool MessageCapture::HadError() const {
     for (const Message& m : messages) {
-        if ((m.type & 0xFF000000) == INSTALLMESSAGE_ERROR) lines.push_back(m.text);
-    }
-    return lines;
-}
-
-bool MessageCapture::HasInfo(const std::wstring& text) const {
-    for (const std::wstring& line : Info()) {
-        if (line.size() >= text.size() && line.compare(line.size() - text.size(), text.size(), text) == 0) {
-            return true;
-        }
+        if ((m.type & 0xFF000000) == INSTALLMESSAGE_ERROR) return true;
     }
     return false;
 }
+
+bool MessageCapture::HasInfo(const std::wstring& text) const { return AllInfo().find(text + L'\n') != std::wstring::npos; }
 
 std::wstring MessageCapture::AllInfo() const {
     std::wstring all;
@@ -160,21 +121,12 @@ std::wstring MessageCapture::AllInfo() const {
     return all;
 }
 
-namespace {
-
-// The build tree of this program: ...\windows-x64 (programs live in tests\ or bench\).
-std::wstring BuildTree() {
+std::wstring ChildProcessCommand(const std::wstring& steps) {
+    // Test programs live in tests\ or bench\ of the build tree; the child in tests\.
     wchar_t self[MAX_PATH] = {};
     ::GetModuleFileNameW(nullptr, self, MAX_PATH);
-    std::wstring path = self;
-    path = path.substr(0, path.find_last_of(L'\\'));
-    return path.substr(0, path.find_last_of(L'\\'));
-}
-
-}  // namespace
-
-std::wstring ChildProcessCommand(const std::wstring& steps) {
-    return L"\"" + BuildTree() + L"\\tests\\child_process.exe\" " + steps;
+    const std::filesystem::path tree = std::filesystem::path(self).parent_path().parent_path();
+    return L"\"" + (tree / L"tests" / L"child_process.exe").wstring() + L"\" " + steps;
 }
 
 }  // namespace setup::test

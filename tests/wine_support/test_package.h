@@ -50,8 +50,7 @@ public:
 
     // Runs one SQL statement on the database before it is opened.
     void Sql(const std::wstring& query);
-    void AddProperty(const std::wstring& name, const std::wstring& value);
-    // Commits the database and opens a session on it (UI level none).
+    // Commits the database (the first time) and opens a session on it (UI level none).
     MSIHANDLE Open();
     MSIHANDLE Session() const { return session_.Get(); }
 
@@ -60,9 +59,6 @@ private:
     std::wstring path_;
     MsiHandle database_;
     MsiHandle session_;
-    bool committed_ = false;
-
-    void Commit();
 };
 
 // Captures the installer's messages for its lifetime (MsiSetExternalUIW).
@@ -73,7 +69,7 @@ public:
     ~MessageCapture();
 
     std::vector<std::wstring> Info() const;      // lines of the information messages, in order
-    std::vector<std::wstring> Errors() const;    // error messages
+    bool HadError() const;                       // an error message (a dialog) came
     bool HasInfo(const std::wstring& text) const;  // some information line ends with `text`
     std::wstring AllInfo() const;                // every information line, joined by '\n'
 
