@@ -66,15 +66,15 @@ TEST(RegistryFixups, QwordRowsAreDecidedParsedAndCarriedWithWhatWasThere) {
     RecordingLogSink log;
     std::vector<QwordItem> items = PlanQwords(
         {{L"Q1", 2, L"Software\\Co", L"Big", L"0x1_", L"Gone", L""},
-         {L"Q2", 2, L"Software\\Co", L"Big", L"5000000000", L"C64", L"", true},
+         {L"Q2", 2, L"Software\\Co", L"Big", L"0xFFFFFFFFFFFFFFFF", L"C64", L"", true},
          {L"Q3", 1, L"Software\\Co", L"Neg", L"-1", L"C64", L"FALSE"}},
         states, log);
     ASSERT_EQ(items.size(), 1u);  // Q1's component goes, Q3's condition is false: neither is parsed
-    EXPECT_EQ(items[0].qword, 5000000000ull);
+    EXPECT_EQ(items[0].qword, UINT64_MAX);  // above the signed range: a qword is unsigned
     EXPECT_EQ(items[0].view, kView64);
     EXPECT_EQ(log.lines[1], L"Need to write qword registry row 'Q2'. Component 'C64' to do 1.");
     items[0].previous = RegistryValue{L"Big", kRegBinary, {0, 1, 0xff}};
-    items.push_back({1, L"k", L"", kView32, UINT64_MAX, std::nullopt});
+    items.push_back({1, L"k", L"", kView32, 5000000000ull, std::nullopt});
     EXPECT_EQ(DecodeQwordItems(EncodeQwordItems(items)), items);
     EXPECT_THROW(PlanQwords({{L"Q4", 2, L"k", L"n", L"big", L"C64", L""}}, states, log), Exception);
 }
@@ -96,8 +96,8 @@ TEST(OsVersion, PropertiesNameTheirSourcesAndAreNotCapped) {
     facts.productType = 3;  // a server of the same build is not Windows 11
     facts.ubr.reset();
     for (const OsProperty& p : OsProperties(facts)) {
-        if (p.name == L"OS_WINDOWS11") EXPECT_EQ(p.value, L"");
-        if (p.name == L"OS_UBR") EXPECT_NE(p.source.find(L"is not there"), std::wstring::npos);
+        if (p.name == L"OS_WINDOWS11") { EXPECT_EQ(p.value, L""); }
+        if (p.name == L"OS_UBR") { EXPECT_NE(p.source.find(L"is not there"), std::wstring::npos); }
     }
     EXPECT_EQ(OsProperties(OsFacts{}).size(), 12u);
 }
