@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -54,18 +56,29 @@ TEST(LogBuffer, BatchesUpToThresholdPlusOneLinesAndFlushesTheRest) {
 }
 
 TEST(LogBuffer, KeepsLinesWholeWhenTwoThreadsLog) {
-    std::vector<std::wstring> sent;
-    LogBuffer buffer([&](const std::wstring& m) { sent.push_back(m); });
-    auto writer = [&](wchar_t tag) {
-        for (int i = 0; i < 500; ++i) buffer.Append(std::wstring(20, tag));
-    };
-    std::thread a(writer, L'a');
-    std::thread b(writer, L'b');
-    a.join();
-    b.join();
-    ASSERT_EQ(sent.size(), 1000u);
-    for (const auto& line : sent) {
-        EXPECT_TRUE(line == std::wstring(20, L'a') || line == std::wstring(20, L'b'));
+    for (int round = 0; round < 5; ++round) {  // a race shows only sometimes: give it several chances
+        std::wstring sent;
+        LogBuffer buffer([&](const std::wstring& m) { sent += m + L'\n'; });
+        buffer.SetThreshold(50);  // a growing batch: unguarded appends would race on it
+        std::atomic<bool> go{false};
+        auto writer = [&](wchar_t tag) {
+            while (!go) std::this_thread::yield();
+            for (int i = 0; i < 5000; ++i) buffer.Append(std::wstring(20, tag));
+        };
+        std::thread a(writer, L'a');
+        std::thread b(writer, L'b');
+        go = true;
+        a.join();
+        b.join();
+        buffer.Flush();
+        std::wistringstream lines(sent);
+        int as = 0, bs = 0;
+        for (std::wstring line; std::getline(lines, line);) {
+            as += line == std::wstring(20, L'a');
+            bs += line == std::wstring(20, L'b');
+        }
+        ASSERT_EQ(as, 5000);
+        ASSERT_EQ(bs, 5000);
     }
 }
 

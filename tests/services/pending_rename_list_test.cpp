@@ -115,7 +115,7 @@ TEST(Path, OnlyAbsolutePathsWithoutForbiddenCharactersMayBeWritten) {
     EXPECT_EQ(PathProblem(L"C:\\a\nb"), L"it holds a control character (code 10), which no Windows path can hold");
 }
 
-TEST(Path, DirectoryAndJoin) {
+TEST(Path, DirectoryJoinAndLongForm) {
     EXPECT_EQ(DirectoryOf(L"C:\\a\\b.txt"), L"C:\\a");
     EXPECT_EQ(DirectoryOf(L"C:/a/b.txt"), L"C:/a");
     EXPECT_EQ(DirectoryOf(L"b.txt"), L"");
@@ -123,6 +123,10 @@ TEST(Path, DirectoryAndJoin) {
     EXPECT_EQ(JoinPath(L"C:\\a\\", L"b"), L"C:\\a\\b");
     EXPECT_EQ(JoinPath(L"", L"b"), L"b");
     EXPECT_EQ(JoinPath(L"C:\\a", L""), L"C:\\a");
+    // Windows reads a path past 260 characters only in the long form (Wine reads either).
+    EXPECT_EQ(LongPathForm(L"C:/a\\b"), L"\\\\?\\C:\\a\\b");
+    EXPECT_EQ(LongPathForm(L"\\\\server\\share\\f"), L"\\\\?\\UNC\\server\\share\\f");
+    EXPECT_EQ(LongPathForm(L"\\\\?\\C:\\x"), L"\\\\?\\C:\\x");
 }
 
 }  // namespace
