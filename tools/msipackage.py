@@ -80,14 +80,14 @@ class Prefix:
             log = Path(log)
             if log.exists():
                 log.unlink()
-            # A run that printed no exit code and wrote no log never reached msiexec (Wine's cmd failed to
-            # start, seen once right after a prefix restart under load): that is the harness, so try once more.
+            # A run that wrote no log never reached msiexec: Wine's cmd failed to start (no exit code) or its
+            # `start` could not launch msiexec (exit code 1), each seen once. That is the harness: try once more.
             for attempt in range(2):
                 result = self.wine("cmd", "/c", self.windows_path(bat), *args, "/qn", "/l*v", self.windows_path(log),
                                    timeout=MSIEXEC_TIMEOUT)
                 out = result.stdout.decode("utf-8", "replace")
                 match = re.search(r"EXITCODE=(\d+)", out)
-                if match or log.exists():
+                if log.exists():
                     break
             code = int(match.group(1)) if match else -1
             text = read_log(log) if log.exists() else "cmd: " + result.stderr.decode("utf-8", "replace")[-2000:]
