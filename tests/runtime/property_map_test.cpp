@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
 #include <string>
 #include <vector>
 
@@ -89,29 +88,6 @@ TEST(ActionData, ThreeLevelsRoundTripValuesHoldingEverySeparator) {
     EXPECT_EQ(DecodeTextList(decoded.Get(L"pfr")), (std::vector<std::wstring>{nasty, L"", L"C:\\x"}));
     EXPECT_EQ(DecodeRecordList(L""), std::vector<PropertyMap>{});
     EXPECT_EQ(ListKey(7), L"00000007");
-}
-
-TEST(ActionData, RandomMapsOverTheSeparatorAlphabetRoundTrip) {
-    std::mt19937 rng(1234);
-    const std::wstring alphabet = L"|=;*^>ab";
-    auto text = [&](std::size_t max) {
-        std::wstring s(rng() % (max + 1), L'a');
-        for (auto& c : s) c = alphabet[rng() % alphabet.size()];
-        return s;
-    };
-    for (int round = 0; round < 2000; ++round) {
-        std::vector<PropertyMap> records(rng() % 4);
-        for (auto& r : records) {
-            for (int k = 0; k < 3; ++k) {
-                std::wstring key = text(4);
-                std::erase_if(key, [](wchar_t c) { return c != L'a' && c != L'b'; });  // keys avoid separators
-                r.Set(key, text(12));
-            }
-        }
-        EXPECT_EQ(DecodeRecordList(DecodeActionData(EncodeActionData(MapOf({{L"l", EncodeRecordList(records)}})))
-                                       .Get(L"l")),
-                  records);
-    }
 }
 
 }  // namespace
