@@ -54,6 +54,11 @@ void SetLogSecrets(std::vector<std::wstring> secrets) {
     g_secrets = std::move(secrets);
 }
 
+bool HoldsLogSecret(std::wstring_view text) {
+    std::lock_guard<std::mutex> guard(g_secretsLock);
+    return !g_secrets.empty() && MaskSecrets(text, g_secrets) != text;
+}
+
 void SetLogBatch(unsigned threshold) { Buffer().SetThreshold(threshold); }
 
 void FlushLog() { Buffer().Flush(); }

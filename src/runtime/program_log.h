@@ -26,6 +26,9 @@ void LogInfo(FormatString<Args...> format, const Args&... args) {
 // The values no line may show (the hidden properties' values, see
 // MaskSecrets); set by the frame for the duration of one action.
 void SetLogSecrets(std::vector<std::wstring> secrets);
+// True when `text` holds one of those values (it would be masked in a line):
+// data made from it is secret too.
+bool HoldsLogSecret(std::wstring_view text);
 
 // Lines travel in one message once more than `threshold` are pending; features
 // that log per file raise it to 100 and set it back to 0 when done.

@@ -8,6 +8,12 @@
 
 namespace setup {
 
+void HideActionData(const Session& session, std::initializer_list<const wchar_t*> actions) {
+    std::wstring hidden = session.GetProperty(L"MsiHiddenProperties");
+    for (const wchar_t* name : actions) hidden += (hidden.empty() ? L"" : L";") + std::wstring(name);
+    session.SetProperty(L"MsiHiddenProperties", hidden);
+}
+
 std::wstring Session::GetProperty(std::wstring_view name) const {
     const std::wstring key(name);
     std::wstring value;

@@ -62,6 +62,10 @@ private:
     std::shared_ptr<std::optional<Record>> scratch_ = std::make_shared<std::optional<Record>>();
 };
 
+// Adds the actions' names to MsiHiddenProperties: the installer then keeps
+// their data (which holds a secret) out of its log.
+void HideActionData(const Session& session, std::initializer_list<const wchar_t*> actions);
+
 // The session as the component decisions see it. A component's states are
 // asked once per action (they do not change while it runs), and so is each
 // distinct condition (the properties it reads do not change either); an

@@ -9,6 +9,7 @@
 #include "runtime/unique_handle.h"
 #include "services/file_write.h"
 #include "services/path.h"
+#include "services/work_folder.h"
 
 namespace setup {
 
@@ -161,6 +162,20 @@ void MoveFileWithFallback(std::wstring_view source, std::wstring_view destinatio
     MoveFileOnReboot(from, to);
 }
 
+std::wstring ResolvePath(std::wstring_view path) {
+    if (!PathProblem(path).empty()) return std::wstring(path);
+    const std::wstring full = NormalizePath(path);
+    if (full.find(L'~') == std::wstring::npos) return full;
+    // The longest part that exists has long names to give; the rest is kept.
+    for (std::wstring head = full; !head.empty() && !IsRootPath(head); head = DirectoryOf(head)) {
+        std::vector<wchar_t> buffer(32768);
+        const DWORD n = ::GetLongPathNameW(head.c_str(), buffer.data(), static_cast<DWORD>(buffer.size()));
+        if (n == 0 || n >= buffer.size()) continue;
+        return NormalizePath(std::wstring(buffer.data(), n) + full.substr(head.size()));
+    }
+    return full;
+}
+
 void CreateFolders(std::wstring_view folder) {
     const std::wstring path(folder);
     if (path.empty() || IsRootPath(path) || FolderExists(path)) return;
@@ -184,6 +199,13 @@ bool FolderIsEmpty(std::wstring_view folder) {
 
 void RemoveFolderTree(std::wstring_view folder) {
     const std::wstring path(folder);
+    if (::GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) return;
+    // The root itself is checked on an opened handle: a folder swapped for a
+    // link is never entered.
+    if (!IsRealFolder(path)) {
+        LogInfo(L"Refused to remove folder '%s': it is a link (reparse point), not a folder this library made.", path);
+        return;
+    }
     std::vector<std::wstring> files, folders;
     WIN32_FIND_DATAW data;
     if (FindHandle find(::FindFirstFileW(JoinPath(path, L"*").c_str(), &data)); find) {

@@ -55,6 +55,12 @@ void CopyFileWithFallback(std::wstring_view source, std::wstring_view destinatio
 // Moves now (replacing the destination, same volume only); when that fails, at
 // the next restart if `allowReboot`, else throws "Failed to move file ...".
 void MoveFileWithFallback(std::wstring_view source, std::wstring_view destination, bool allowReboot);
+// `path` normalised (NormalizePath) with every 8.3 short component of its
+// existing part in its long form, so that no spelling of a folder ("..",
+// "C:\\WINDOW~1", trailing dots) passes a check that its plain name fails. A
+// path PathProblem refuses comes back as it is, for the caller to refuse.
+std::wstring ResolvePath(std::wstring_view path);
+
 // Creates `folder` and every missing folder above it. Throws
 // "Failed to create folder '<folder>'." with the error.
 void CreateFolders(std::wstring_view folder);

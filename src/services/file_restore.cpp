@@ -6,7 +6,9 @@
 #include "runtime/program_log.h"
 #include "runtime/throw.h"
 #include "runtime/unique_handle.h"
+#include "runtime/exception.h"
 #include "services/file_operations.h"
+#include "services/file_write.h"
 
 namespace setup {
 
@@ -55,16 +57,20 @@ void RestoreFileFromBackup(std::wstring_view target, std::wstring_view backup) {
         RemoveBackupFile(from);
         return;
     }
-    const DWORD attributes = ::GetFileAttributesW(from.c_str());
-    // A read-only target cannot be replaced; the backup's attributes (the
-    // original's) are put back once it is in place.
-    ClearReadOnly(to);
-    LogInfo(L"Move file '%s' -> '%s'.", from, to);
-    if (::MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING)) {
-        if (attributes != INVALID_FILE_ATTRIBUTES) ::SetFileAttributesW(to.c_str(), attributes);
-        return;
+    if (FileExists(to)) {
+        // Into the original file: it keeps its identity, descriptor, streams and links.
+        try {
+            CopyIntoExistingFile(from, to);
+            RemoveBackupFile(from);
+            return;
+        } catch (const Exception& e) {
+            LogInfo(L"%s Error 0x%x.", e.Message(), e.Code());
+        }
+    } else {
+        LogInfo(L"Move file '%s' -> '%s'.", from, to);
+        if (::MoveFileExW(from.c_str(), to.c_str(), 0)) return;
+        LogInfo(L"Failed to move file '%s' -> '%s'. Error 0x%x.", from, to, FailureFromWin32(::GetLastError()));
     }
-    LogInfo(L"Failed to move file '%s' -> '%s'. Error 0x%x.", from, to, FailureFromWin32(::GetLastError()));
     LogInfo(L"Move file on reboot '%s' -> '%s'.", from, to);
     if (!::MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_DELAY_UNTIL_REBOOT | MOVEFILE_REPLACE_EXISTING)) {
         const DWORD error = ::GetLastError();

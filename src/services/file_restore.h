@@ -3,8 +3,11 @@
 // removing such backups: the one restore discipline of every family that
 // backs files up (text files, and the file and registry-file families).
 //
-// A restore changes the target only when it differs from its backup, in one
-// replace step; when that cannot happen now, a single restart-time replace of
+// A restore changes the target only when it differs from its backup, and then
+// by copying the backup's bytes back into the target (CopyIntoExistingFile):
+// the file keeps its identity, descriptor, streams and hard links. A missing
+// target gets the backup moved into place. When neither can happen now, a
+// single restart-time replace of
 // the target by the backup is queued, never a deletion of the target alone
 // (a queued deletion would outlive the restore and delete the user's file at
 // the next restart).

@@ -160,6 +160,69 @@ void CopyToNewFile(std::wstring_view source, std::wstring_view destination) {
     if (kept != 0) ::SetFileAttributesW(to.c_str(), kept);
 }
 
+namespace {
+
+// `path` opened for writing, never through a link: checked by name first and
+// again on the handle, which is opened as the link itself if one appeared.
+FileHandle OpenForWriting(const std::wstring& path, DWORD access, DWORD disposition, const std::wstring& failure) {
+    CheckNotLink(path);
+    FileHandle file(::CreateFileW(path.c_str(), access, FILE_SHARE_READ, nullptr, disposition,
+                                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    ThrowLastErrorIf(!file, failure);
+    if (HandleIsReparsePoint(file.Get())) RefuseLink(path);
+    return file;
+}
+
+}  // namespace
+
+void CopyIntoExistingFile(std::wstring_view source, std::wstring_view destination) {
+    const std::wstring from(source);
+    const std::wstring to(destination);
+    const std::wstring failure = L"Failed to copy file '" + from + L"' -> '" + to + L"'.";
+    LogInfo(L"Copy file '%s' -> '%s'.", from, to);
+    CheckNotLink(from);
+    FileHandle in(::CreateFileW(from.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_SEQUENTIAL_SCAN,
+                                nullptr));
+    ThrowLastErrorIf(!in, failure);
+    if (HandleIsReparsePoint(in.Get())) RefuseLink(from);
+    BY_HANDLE_FILE_INFORMATION info;
+    ThrowLastErrorIf(!::GetFileInformationByHandle(in.Get(), &info), failure);
+    // A read-only destination takes the bytes once the bit is off; the
+    // source's attributes (the original's) go back on at the end.
+    const DWORD now = ::GetFileAttributesW(to.c_str());
+    if (now != INVALID_FILE_ATTRIBUTES && (now & FILE_ATTRIBUTE_READONLY)) {
+        ::SetFileAttributesW(to.c_str(), now & ~DWORD{FILE_ATTRIBUTE_READONLY});
+    }
+    FileHandle out = OpenForWriting(to, GENERIC_WRITE | FILE_WRITE_ATTRIBUTES, OPEN_EXISTING, failure);
+    bool ok = true;
+    std::vector<char> buffer(1 << 16);
+    for (;;) {
+        DWORD read = 0;
+        ok = ::ReadFile(in.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &read, nullptr) != FALSE;
+        if (!ok || read == 0) break;
+        ok = WriteAll(out.Get(), buffer.data(), read);
+        if (!ok) break;
+    }
+    ok = ok && ::SetEndOfFile(out.Get()) &&
+         ::SetFileTime(out.Get(), &info.ftCreationTime, &info.ftLastAccessTime, &info.ftLastWriteTime);
+    ThrowLastErrorIf(!ok, failure);
+    out.Reset();
+    const DWORD kept = info.dwFileAttributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
+                                                FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE);
+    ::SetFileAttributesW(to.c_str(), kept != 0 ? kept : FILE_ATTRIBUTE_NORMAL);
+}
+
+void WriteFileBytes(std::wstring_view path, const std::vector<unsigned char>& bytes) {
+    const std::wstring name(path);
+    const std::wstring failure = L"Failed to write file '" + name + L"'.";
+    CheckWritablePath(name);
+    // Opened without truncation: nothing is cut before the handle is checked.
+    FileHandle file = OpenForWriting(name, GENERIC_WRITE, OPEN_ALWAYS, failure);
+    const bool ok = WriteAll(file.Get(), bytes.data(), bytes.size()) && ::SetEndOfFile(file.Get());
+    ThrowLastErrorIf(!ok, failure);
+}
+
 void WriteWarnings(const std::wstring& file, const std::vector<std::wstring>& warnings) {
     if (warnings.empty()) return;
     if (file.empty()) {

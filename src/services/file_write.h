@@ -61,6 +61,19 @@ void WriteUtf16(const NewFile& file, std::wstring_view text);
 // '<source>' -> '<destination>'." (a partial copy is deleted again).
 void CopyToNewFile(std::wstring_view source, std::wstring_view destination);
 
+// Makes the existing file `destination` hold the bytes, times and attributes
+// of `source` by writing into it: the file keeps its identity, its security
+// descriptor, its other streams and its hard links (a rename over it would
+// replace all four). Both are refused when they are links (checked on the
+// opened handles). Throws "Failed to copy file '<source>' -> '<destination>'."
+// or the refusal; the destination may then hold part of the bytes.
+void CopyIntoExistingFile(std::wstring_view source, std::wstring_view destination);
+
+// Writes `bytes` into `path` (created, or its content replaced in place), the
+// link check made on the opened handle. Throws "Refused to write '<path>': it
+// is a link (reparse point)." or "Failed to write file '<path>'.".
+void WriteFileBytes(std::wstring_view path, const std::vector<unsigned char>& bytes);
+
 // Appends the warnings of rows that continue on error, one per line, to the
 // installation's warnings file (the InstallationWarningsFilePath property);
 // without one, says that they are in the log only. Never throws.

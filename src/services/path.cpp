@@ -71,7 +71,95 @@ bool IsRootPath(std::wstring_view path) {
     return separators <= 1;
 }
 
+namespace {
+
+bool StartsWithFolded(std::wstring_view text, std::wstring_view prefix) {
+    if (text.size() < prefix.size()) return false;
+    for (std::size_t i = 0; i < prefix.size(); ++i) {
+        if (std::towlower(text[i]) != std::towlower(prefix[i])) return false;
+    }
+    return true;
+}
+
+bool IsDevicePath(std::wstring_view text) {
+    return StartsWithFolded(text, L"\\\\.\\") || StartsWithFolded(text, L"\\??\\") ||
+           StartsWithFolded(text, L"\\\\?\\GLOBALROOT") || StartsWithFolded(text, L"//./");
+}
+
+// CON, PRN, AUX, NUL, COM1-9, LPT1-9, with or without an extension.
+bool IsDeviceName(std::wstring_view component) {
+    std::wstring_view stem = component.substr(0, component.find(L'.'));
+    while (!stem.empty() && stem.back() == L' ') stem.remove_suffix(1);
+    std::wstring lower = PathKey(stem);
+    if (lower == L"con" || lower == L"prn" || lower == L"aux" || lower == L"nul" || lower == L"conin$" ||
+        lower == L"conout$") {
+        return true;
+    }
+    return lower.size() == 4 && (lower.starts_with(L"com") || lower.starts_with(L"lpt")) && lower[3] >= L'1' &&
+           lower[3] <= L'9';
+}
+
+}  // namespace
+
+std::wstring NormalizePath(std::wstring_view path) {
+    if (IsDevicePath(path)) return std::wstring(path);
+    std::wstring text;
+    for (wchar_t c : path) text.push_back(c == L'/' ? L'\\' : c);
+    if (StartsWithFolded(text, L"\\\\?\\UNC\\")) text = L"\\\\" + text.substr(8);
+    else if (text.rfind(L"\\\\?\\", 0) == 0) text.erase(0, 4);
+    std::wstring root;
+    std::size_t at = 0;
+    if (IsDriveAbsolute(text)) {
+        root = text.substr(0, 2);
+        at = 3;
+    } else if (IsUncAbsolute(text)) {
+        const std::size_t server = text.find(L'\\', 2);
+        const std::size_t share = text.find(L'\\', server + 1);
+        root = text.substr(0, share);
+        at = share == std::wstring::npos ? text.size() : share + 1;
+    } else {
+        return std::wstring(path);
+    }
+    std::vector<std::wstring> parts;
+    while (at < text.size()) {
+        std::size_t end = text.find(L'\\', at);
+        if (end == std::wstring::npos) end = text.size();
+        std::wstring part = text.substr(at, end - at);
+        at = end + 1;
+        if (part == L"..") {
+            if (!parts.empty()) parts.pop_back();
+            continue;
+        }
+        while (!part.empty() && (part.back() == L'.' || part.back() == L' ')) part.pop_back();
+        if (!part.empty()) parts.push_back(std::move(part));
+    }
+    std::wstring result = root;
+    for (const std::wstring& part : parts) result += L"\\" + part;
+    if (parts.empty() || text.back() == L'\\') result.push_back(L'\\');
+    return result;
+}
+
+std::wstring ProtectedPathProblem(std::wstring_view path, const std::vector<std::wstring>& guarded) {
+    const auto key = [](std::wstring_view p) {
+        std::wstring k = PathKey(NormalizePath(p));
+        while (k.size() > 1 && k.back() == L'\\') k.pop_back();
+        return k;
+    };
+    const std::wstring mine = key(path);
+    if (IsRootPath(mine)) return L"it is the root of a drive or share";
+    for (const std::wstring& folder : guarded) {
+        if (folder.empty()) continue;
+        const std::wstring other = key(folder);
+        if (other == mine) return L"it is a system folder (" + folder + L")";
+        if (other.size() > mine.size() && other.compare(0, mine.size(), mine) == 0 && other[mine.size()] == L'\\') {
+            return L"it holds a system folder (" + folder + L")";
+        }
+    }
+    return {};
+}
+
 std::wstring PathProblem(std::wstring_view path) {
+    if (IsDevicePath(path)) return L"it is a device path";
     std::wstring_view rest = path;
     bool absolute = false;
     constexpr std::wstring_view kLong = L"\\\\?\\";
@@ -95,6 +183,14 @@ std::wstring PathProblem(std::wstring_view path) {
         }
     }
     if (!absolute) return L"it is not an absolute path (a drive or a network share)";
+    for (std::size_t at = 0; at < rest.size();) {
+        std::size_t end = rest.find_first_of(L"\\/", at);
+        if (end == std::wstring_view::npos) end = rest.size();
+        if (IsDeviceName(rest.substr(at, end - at))) {
+            return L"it names the device '" + std::wstring(rest.substr(at, end - at)) + L"'";
+        }
+        at = end + 1;
+    }
     return std::wstring();
 }
 

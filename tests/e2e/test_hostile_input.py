@@ -4,10 +4,14 @@ floods of tool output. In each case the outside file stays untouched, the
 foreign value byte for byte, and the log says why a row was refused."""
 
 import os
+import re
+import shutil
 import unittest
 
-from machine_state import MachineState, WevtutilDouble, differences, rename_value, set_rename_value, utf16_hex
-from msipackage import InstallerCase, Package, library_lines, scratch_dir
+from cabinet import cabinet_bytes
+from machine_state import (MachineState, WevtutilDouble, differences, export_key, fresh_folder, registry_values,
+                           rename_value, set_rename_value, utf16_hex)
+from msipackage import TEST_TOOLS, WOW, InstallerCase, Package, library_lines, scratch_dir
 
 AFTER_EVERYTHING = 6550
 
@@ -117,6 +121,140 @@ class Hostile(InstallerCase):
         lines = [l for l in library_lines(log, "InstallEventManifestDeferred") if l.startswith("> line ")]
         self.assertEqual(len(lines), 10486)
         self.assertTrue(all(len(l) == 2 + 98 for l in lines))
+
+
+def lines_of(log, *actions):
+    return "\n".join(line for action in actions for line in library_lines(log, action))
+
+
+class SystemActions(InstallerCase):
+    """What a user who can write beside the targets could plant, against the
+    actions that run as LocalSystem; numbered as the findings they answer."""
+    clears_renames = True
+
+    def setUp(self):
+        super().setUp()
+        self.win = "C:\\plant\\" + self.name
+        self.root = fresh_folder(self.prefix.host_path(self.win))
+        self.outside = fresh_folder(self.prefix.host_path("C:\\Outside\\" + self.name))
+        (self.outside / "precious.txt").write_bytes(b"outside bytes")
+
+    def outside_state(self):
+        return MachineState(self.prefix, [self.outside]).capture()
+
+    def test_1_work_folders_are_made_new_by_the_deferred_action_and_never_named_before(self):
+        (self.root / "data").mkdir()
+        for n in range(3):
+            (self.root / "data" / f"old{n}.log").write_bytes(b"old")
+        cab = cabinet_bytes([("a.txt", b"alpha")])
+        package = self.table_package("CabPackage", [("Data", "[INSTALLDIR]payload.cab", self.win + "\\cab", "0",
+                                                     "Main", "")], files=[("cab0", "payload.cab", cab)])
+        package.add_table("RemoveFileEx", [("Logs", "Main", self.win + "\\data\\*.log", "0", "0", "")])
+        package.fail_at(6550)
+        # Links at every name the immediate phase could announce are of no use:
+        # the names it hands over are tokens, and the folders are made later.
+        for name in ("~cab", "~rfx"):
+            os.symlink(self.outside, self.root / name)
+        before = self.outside_state()
+        log = self.run_expecting(1603, package, "/i", log="fail.log")
+        self.assertEqual(differences(before, self.outside_state()), [])
+        used = re.findall(r"Extract cabinet '[^']*' into '([^']*)'", log)
+        self.assertEqual(len(used), 1, log[-3000:])
+        self.assertRegex(used[0], r"\\~cab[0-9a-f]{32}$")
+        # The announced token (a planned name) is nowhere on disk, and the
+        # folder made for the work is gone with the rollback.
+        self.assertEqual(sorted(p.name for p in self.root.iterdir() if p.name.startswith("~")), ["~cab", "~rfx"])
+        self.assertEqual(sorted(p.name for p in (self.root / "data").iterdir()), ["old0.log", "old1.log", "old2.log"])
+        records = "HKLM\\Software\\" + WOW + "Setup Utils\\WorkFolders"
+        self.assertEqual(registry_values(self.prefix, records).get(records, {}), {})
+
+    def test_2_registry_links_are_removed_as_links_and_never_walked(self):
+        base = "Software\\SetupUtilsTest\\" + self.name
+        native = "HKLM\\SOFTWARE\\" + WOW + "SetupUtilsTest\\" + self.name
+        target = "HKLM\\Software\\SetupUtilsLinkTarget" + self.name
+        self.scratch_keys(native, target)
+        self.prefix.reg("add", target, "/v", "keep", "/d", "yes", "/f")
+        self.prefix.reg("add", native + "\\Tree", "/v", "a", "/d", "1", "/f")
+        kernel = "\\Registry\\Machine\\" + target.split("\\", 1)[1]
+        ancestor = "\\Registry\\Machine\\" + native.split("\\", 1)[1]
+        for link, to in (("Tree\\Link", kernel), ("Tree\\Loop", ancestor)):
+            code = self.prefix.wine(str(TEST_TOOLS / "reg_link.exe"), native.split("\\", 1)[1] + "\\" + link, to,
+                                    check=False).returncode
+            self.assertEqual(code, 0)
+        rows = [("Drop", "2", base + "\\Tree", "-", "", "Main", "0", "", "")]
+        package = self.table_package("RegistryEx", rows)
+        self.run_expecting(0, package, "/i")
+        log = self.run_expecting(0, package, "/x", log="uninstall.log")
+        self.assertEqual(registry_values(self.prefix, target)[target], {"keep": '"yes"'})
+        self.assertNotEqual(self.prefix.reg("query", native + "\\Tree").returncode, 0)
+        lines = library_lines(log, "UninstallRegistryDeferred")
+        self.assertIn(f"Remove registry link '{base}\\Tree\\Link' (its target stays).", lines)
+
+    def test_4_a_linked_xml_target_is_refused_on_the_opened_handle(self):
+        os.symlink(self.outside, self.root / "web.config")
+        row = ("Port", self.win + "\\web.config", "/configuration", "0", "port", "1", "", "1", "0", "Main", "")
+        before = self.outside_state()
+        log = self.run_expecting(1603, self.table_package("XmlFile", [row]), "/i")
+        self.assertEqual(differences(before, self.outside_state()), [])
+        lines = library_lines(log, "InstallXmlFilesDeferred")
+        self.assertTrue(any("it is a link (reparse point)" in l for l in lines), lines)
+
+    def test_5_a_secret_registry_value_reaches_no_line_and_no_logged_data(self):
+        native = "HKLM\\SOFTWARE\\" + WOW + "SetupUtilsTest\\" + self.name
+        self.scratch_keys(native)
+        key = "Software\\SetupUtilsTest\\" + self.name
+        package = self.table_package("RegistryEx", [("Pw", "2", key, "Password", "[DB_PASSWORD]", "Main", "0", "",
+                                                     "")], DB_PASSWORD="hunter22", MsiHiddenProperties="DB_PASSWORD")
+        log = self.run_expecting(0, package, "/i")
+        self.assertEqual(registry_values(self.prefix, native)[native]["Password"], '"hunter22"')
+        log += self.run_expecting(0, package, "/x", log="uninstall.log")
+        self.assertNotIn("hunter22", lines_of(log, "InstallRegFiles", "InstallRegistryDeferred", "UninstallRegFiles",
+                                              "UninstallRegistryDeferred"))
+        hidden = re.findall(r"MsiHiddenProperties = ([^\r\n]*)", log)
+        self.assertTrue(any("InstallRegistryDeferred" in h and "InstallRegistryRollback" in h for h in hidden), hidden)
+        # Wine prints the hidden actions' data in its property list all the same
+        # (Windows does not): the lines of the library are what it controls.
+
+    def test_6_rollback_restores_into_the_original_file(self):
+        target = self.root / "app.ini"
+        target.write_bytes(b"old")
+        os.chmod(target, 0o640)
+        other = self.root / "other-name.ini"
+        os.link(target, other)
+        inode = target.stat().st_ino
+        package = self.table_package("TextFile", [("L1", self.win + "\\app.ini", "new", "Main", "")],
+                                     fail_at=6550)
+        self.run_expecting(1603, package, "/i")
+        self.assertEqual(target.read_bytes(), b"old")
+        self.assertEqual(other.read_bytes(), b"old")  # the other name sees the restored bytes
+        self.assertEqual(target.stat().st_ino, inode)
+        self.assertEqual(target.stat().st_mode & 0o777, 0o640)
+
+    def test_7_dot_dot_spellings_of_system_folders_are_refused_in_every_phase(self):
+        for phase in range(5):
+            for path in ("C:\\bi\\..\\windows", "C:\\bi\\..", "C:\\bi\\..\\WINDOWS.\\", "C:/bi/../windows/"):
+                with self.subTest(phase=phase, path=path):
+                    self.prefix.clear_pending_renames()
+                    package = self.table_package("RemoveFileEx", [("R", "Main", path, str(phase), str(0x1 | 0x8), "")])
+                    log = self.run_expecting(0, package, "/i", log=f"p{phase}.log")
+                    lines = lines_of(log, "RemoveFilesEx", "RemoveFilesExFinalize", "RemoveFilesExRollback")
+                    if phase != 3:  # a rollback-only row never runs in a good install
+                        self.assertIn("Refused to remove files 'R'", lines)
+                    self.assertEqual(self.prefix.pending_renames(), [])
+                    self.assertTrue(self.prefix.host_path("C:\\windows\\explorer.exe").exists())
+
+    def test_8_a_property_in_an_xpath_is_a_literal(self):
+        config = self.root / "config.xml"
+        config.write_text('<config><add key="a" value="1"/><add key="b" value="2"/></config>')
+        # (A value with both quote kinds cannot pass through wixl; the host
+        # tests build that literal with concat().)
+        for key in ("nosuch'] | /config/add[@key!='", "it's | //*"):
+            with self.subTest(key=key):
+                row = ("Set", self.win + "\\config.xml", "/config/add[@key='[KEY]']", "1", "value", "9", "", "1",
+                       str(0x8), "Main", "")
+                log = self.run_expecting(0, self.table_package("XmlFile", [row], KEY=key), "/i")
+                self.assertIn("matches nothing", lines_of(log, "InstallXmlFilesDeferred"))
+                self.assertEqual(re.findall(r'value="(\d)"', config.read_text()), ["1", "2"])
 
 
 if __name__ == "__main__":

@@ -115,6 +115,36 @@ TEST(Path, OnlyAbsolutePathsWithoutForbiddenCharactersMayBeWritten) {
     EXPECT_EQ(PathProblem(L"C:\\a\nb"), L"it holds a control character (code 10), which no Windows path can hold");
 }
 
+// Every spelling of a guarded folder is that folder once normalised.
+TEST(Path, EverySpellingOfAFolderIsCheckedAsTheFolderItNames) {
+    const std::vector<std::wstring> guarded = {L"C:\\windows", L"C:\\Program Files"};
+    const std::pair<const wchar_t*, const wchar_t*> spellings[] = {
+        {L"C:\\bi\\..\\windows", L"C:\\windows"},
+        {L"C:\\bi\\..", L"C:\\"},
+        {L"C:/a/./b/../../WINDOWS/", L"C:\\WINDOWS\\"},
+        {L"\\\\?\\C:\\x\\..\\Windows", L"C:\\Windows"},
+        {L"C:\\windows. .\\", L"C:\\windows\\"},
+        {L"C:\\..\\..\\Program Files ", L"C:\\Program Files"},
+        {L"\\\\?\\UNC\\srv\\share\\a\\..", L"\\\\srv\\share\\"},
+    };
+    for (const auto& [spelling, normal] : spellings) {
+        EXPECT_EQ(NormalizePath(spelling), normal) << spelling;
+        EXPECT_NE(ProtectedPathProblem(spelling, guarded), L"") << spelling;
+    }
+    EXPECT_EQ(NormalizePath(L"C:\\app\\.\\x.txt"), L"C:\\app\\x.txt");
+    EXPECT_EQ(ProtectedPathProblem(L"C:\\app\\..\\app2", guarded), L"");
+    EXPECT_EQ(ProtectedPathProblem(L"C:\\windows\\..\\windows\\app", guarded), L"");
+    EXPECT_EQ(ProtectedPathProblem(L"C:\\", guarded), L"it is the root of a drive or share");
+    EXPECT_EQ(ProtectedPathProblem(L"C:\\x\\..\\PROGRAM FILES", guarded), L"it is a system folder (C:\\Program Files)");
+    for (const wchar_t* device : {L"\\\\.\\PhysicalDrive0", L"\\??\\C:\\x", L"\\\\?\\GLOBALROOT\\Device\\x"}) {
+        EXPECT_EQ(PathProblem(device), L"it is a device path") << device;
+        EXPECT_EQ(NormalizePath(device), device);
+    }
+    EXPECT_EQ(PathProblem(L"C:\\app\\nul.txt"), L"it names the device 'nul.txt'");
+    EXPECT_EQ(PathProblem(L"C:\\app\\com1"), L"it names the device 'com1'");
+    EXPECT_EQ(PathProblem(L"C:\\app\\com10\\console.txt"), L"");
+}
+
 TEST(Path, DirectoryJoinAndLongForm) {
     EXPECT_EQ(DirectoryOf(L"C:\\a\\b.txt"), L"C:\\a");
     EXPECT_EQ(DirectoryOf(L"C:/a/b.txt"), L"C:/a");

@@ -17,6 +17,7 @@
 #include "services/file_operations.h"
 #include "services/file_write.h"
 #include "services/path.h"
+#include "services/work_folder.h"
 
 namespace setup {
 
@@ -46,6 +47,10 @@ std::optional<std::vector<CabinetRow>> ReadRows(const Session& session) {
     });
     if (!exists) return std::nullopt;
     FormatRowTexts(session, rows, {&CabinetRow::cabinet, &CabinetRow::target});  // a few installer calls
+    for (CabinetRow& row : rows) {
+        row.cabinet = ResolvePath(row.cabinet);
+        row.target = ResolvePath(row.target);
+    }
     for (const CabinetRow& row : rows) {
         LogInfo(L"Configured cabinet %s, %s, %s, %d, %s, %s.", row.id, row.cabinet, row.target, row.attributes,
                 row.component, row.condition);
@@ -113,15 +118,20 @@ public:
 
 // --- The journal of a row's steps ---
 
-std::wstring JournalPath(const CabinetItem& item) { return JoinPath(item.work, L"journal"); }
+bool PerUserItem(const CabinetItem& item) { return (item.attributes & PerUser) != 0; }
 
-// The row's journal, open for appending; its work folder is created first.
+// The row's work folder: made new by the deferred action beside the target
+// (`item.work` is only the token it is recorded under).
+std::wstring MakeWorkFolder(const CabinetItem& item) {
+    return CreateWorkFolder(DirectoryOf(item.work), L"~cab", item.work, PerUserItem(item));
+}
+
+// The row's journal in its work folder, open for appending.
 class Journal {
 public:
-    explicit Journal(const CabinetItem& item) : path_(JournalPath(item)) {
-        CreateFolders(LongPathForm(item.work));
+    explicit Journal(const std::wstring& work) : path_(JoinPath(work, L"journal")) {
         file_.Reset(::CreateFileW(LongPathForm(path_).c_str(), FILE_APPEND_DATA, FILE_SHARE_READ, nullptr,
-                                  OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+                                  CREATE_NEW, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
         ThrowLastErrorIf(!file_, L"Failed to write file '" + path_ + L"'.");
     }
 
@@ -138,8 +148,8 @@ private:
     FileHandle file_;
 };
 
-std::vector<JournalEntry> ReadJournal(const CabinetItem& item) {
-    FileHandle file(::CreateFileW(LongPathForm(JournalPath(item)).c_str(), GENERIC_READ,
+std::vector<JournalEntry> ReadJournal(const std::wstring& work) {
+    FileHandle file(::CreateFileW(LongPathForm(JoinPath(work, L"journal")).c_str(), GENERIC_READ,
                                   FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING, 0, nullptr));
     if (!file) return {};
     std::wstring text;
@@ -205,7 +215,8 @@ void Extract(const CabinetItem& item) {
     // The folders above the target first: the work folder lives beside it.
     const std::vector<std::wstring> above = MissingFolders(DirectoryOf(item.target));
     CreateFolders(LongPathForm(DirectoryOf(item.target)));
-    Journal journal(item);
+    const std::wstring work = MakeWorkFolder(item);
+    Journal journal(work);
     CabinetRecord added{item.target, {}, {}};
     for (const std::wstring& f : above) {
         journal.Write(JournalEntry::Folder, f);
@@ -213,8 +224,8 @@ void Extract(const CabinetItem& item) {
     }
     for (const std::wstring& f : CreateMissingFolders(journal, item.target)) added.folders.push_back(f);
 
-    LogInfo(L"Extract cabinet '%s' into '%s'.", item.cabinet, item.work);
-    const std::wstring staging = JoinPath(item.work, L"new");
+    LogInfo(L"Extract cabinet '%s' into '%s'.", item.cabinet, work);
+    const std::wstring staging = JoinPath(work, L"new");
     const std::vector<std::wstring> names = ExtractCabinet(item.cabinet, staging);
     // A file an earlier extraction placed is replaced even without 0x1: this
     // row's own (a repair), or another product's (a major upgrade: both
@@ -247,7 +258,7 @@ void Extract(const CabinetItem& item) {
                 LogInfo(L"Keep the existing file '%s': the row does not overwrite files (0x1).", to);
                 continue;
             }
-            const std::wstring kept = JoinPath(JoinPath(item.work, L"old"), name);
+            const std::wstring kept = JoinPath(JoinPath(work, L"old"), name);
             CreateFolders(LongPathForm(DirectoryOf(kept)));
             journal.Write(JournalEntry::Replaced, to, kept);
             LogInfo(L"Replace file '%s'.", to);
@@ -274,7 +285,8 @@ void Remove(const CabinetItem& item) {
         WriteRecord(item, {});
         return;
     }
-    Journal journal(item);
+    const std::wstring work = MakeWorkFolder(item);
+    Journal journal(work);
     const std::set<std::wstring> shared = ReadOtherRecords(item).files;
     for (std::size_t i = 0; i < item.record.files.size(); ++i) {
         const std::wstring& path = item.record.files[i];
@@ -291,7 +303,7 @@ void Remove(const CabinetItem& item) {
             LogInfo(L"Leave '%s' in place: it is no longer the file the cabinet placed.", path);
             continue;
         }
-        const std::wstring kept = JoinPath(JoinPath(item.work, L"old"), std::to_wstring(i));
+        const std::wstring kept = JoinPath(JoinPath(work, L"old"), std::to_wstring(i));
         CreateFolders(LongPathForm(DirectoryOf(kept)));
         journal.Write(JournalEntry::Removed, path, kept);
         LogInfo(L"Remove file '%s'.", path);
@@ -315,9 +327,10 @@ void Remove(const CabinetItem& item) {
 // Takes a row back from its journal, latest step first; the work folder goes,
 // then the folders the row created, when they are empty.
 void RollbackItem(const CabinetItem& item) {
-    if (!Exists(item.work)) return;
-    LogInfo(L"Rollback cabinet '%s' from '%s'.", item.id, item.work);
-    const std::vector<JournalEntry> entries = ReadJournal(item);
+    const std::optional<std::wstring> work = FindWorkFolder(item.work, PerUserItem(item));
+    if (!work || !IsRealFolder(*work)) return;  // the deferred step never began
+    LogInfo(L"Rollback cabinet '%s' from '%s'.", item.id, *work);
+    const std::vector<JournalEntry> entries = ReadJournal(*work);
     for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
         const JournalEntry& entry = *it;
         switch (entry.kind) {
@@ -344,7 +357,7 @@ void RollbackItem(const CabinetItem& item) {
         case JournalEntry::Folder: break;
         }
     }
-    RemoveFolderTree(LongPathForm(item.work));
+    RemoveWorkFolder(item.work, PerUserItem(item));
     for (auto it = entries.rbegin(); it != entries.rend(); ++it) {
         if (it->kind != JournalEntry::Folder || !FolderIsEmpty(LongPathForm(it->path))) continue;
         LogInfo(L"Remove folder '%s'.", it->path);
@@ -422,10 +435,7 @@ void InstallCabsCommit(Session& session) {
     Wow64FsRedirectionGuard redirection;
     const CabinetActionData data = DecodeCabinetActionData(session.CustomActionData());
     for (const CabinetItem& item : data.items) {
-        if (Exists(item.work)) {
-            LogInfo(L"Cleanup folder '%s'.", item.work);
-            RemoveFolderTree(LongPathForm(item.work));
-        }
+        RemoveWorkFolder(item.work, PerUserItem(item));
         if (!item.remove && (item.attributes & DeleteOnCommit) && FileExists(item.cabinet)) {
             LogInfo(L"Remove cabinet '%s'.", item.cabinet);
             Leniently([&] { RemoveFileWithFallback(item.cabinet, true); });

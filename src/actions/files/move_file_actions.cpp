@@ -60,6 +60,10 @@ std::optional<std::vector<MoveFileRow>> ReadRows(const Session& session, Compone
     });
     // All paths formatted together: a few installer calls instead of two a row.
     FormatRowTexts(session, rows, {&MoveFileRow::source, &MoveFileRow::destination});
+    for (MoveFileRow& row : rows) {
+        row.source = ResolvePath(row.source);
+        row.destination = ResolvePath(row.destination);
+    }
     for (const MoveFileRow& row : rows) {
         LogInfo(L"Configured move file %s, %s, %s, %s, %s, %d.", row.id, row.component, row.source, row.destination,
                 row.condition, row.attributes);

@@ -13,6 +13,7 @@
 #include "runtime/throw.h"
 #include "services/file_operations.h"
 #include "services/path.h"
+#include "services/work_folder.h"
 #include "services/pending_rename_store.h"
 
 namespace setup {
@@ -41,6 +42,7 @@ std::optional<std::vector<RemoveFileRow>> ReadRows(const Session& session) {
     });
     if (!exists) return std::nullopt;
     FormatRowTexts(session, rows, {&RemoveFileRow::path});  // all together: a few installer calls
+    for (RemoveFileRow& row : rows) row.path = ResolvePath(row.path);
     for (const RemoveFileRow& row : rows) {
         LogInfo(L"Configured remove files %s, %s, %s, %d, %d, %s.", row.id, row.component, row.path, row.phase,
                 row.attributes, row.condition);
@@ -144,7 +146,10 @@ std::optional<Removal> Find(const RemoveFileItem& item) {
     const bool recursive = (item.attributes & Recursive) != 0;
     std::vector<std::wstring> links;
     if (removal.target.wholeFolder || HasWildcard(removal.target.pattern)) {
-        Collect(removal.target.folder, removal.target.pattern, recursive, item.backup, removal.files, folders, links);
+        // The backup folder an earlier row of the same folder made is passed over.
+        const std::wstring backup =
+            item.backup.empty() ? std::wstring() : FindWorkFolder(item.backup, false).value_or(std::wstring());
+        Collect(removal.target.folder, removal.target.pattern, recursive, backup, removal.files, folders, links);
     } else {
         const DWORD attributes = ::GetFileAttributesW(item.path.c_str());
         if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT)) {
@@ -189,19 +194,27 @@ void RemoveNow(const RemoveFileItem& item) {
     }
 }
 
-// The place of `path` (under `folder`) inside `backup`.
-std::wstring InBackup(const RemoveFileItem& item, const std::wstring& folder, const std::wstring& path) {
-    return path.size() > folder.size() ? JoinPath(item.backup, path.substr(folder.size() + 1)) : item.backup;
+// The place of `path` (under `folder`) inside the backup folder `backup`.
+std::wstring InBackup(const std::wstring& backup, const std::wstring& folder, const std::wstring& path) {
+    return path.size() > folder.size() ? JoinPath(backup, path.substr(folder.size() + 1)) : backup;
+}
+
+// A deferred row's backup folder: made new by the deferred action (`item.backup`
+// is only the token it is recorded under; rows that share it share the folder).
+std::wstring MakeBackupFolder(const RemoveFileItem& item) {
+    return CreateWorkFolder(DirectoryOf(item.backup), L"~rfx", item.backup, false);
 }
 
 // Removes undoably: each file is renamed into the row's backup folder (same
 // volume), each emptied folder recorded there before it goes.
 void RemoveIntoBackup(const RemoveFileItem& item) {
     const std::optional<Removal> removal = Find(item);
-    if (!removal) return;
+    if (!removal || (removal->files.empty() && removal->folders.empty())) return;
+    const std::wstring backup = MakeBackupFolder(item);
     const std::wstring& base = removal->target.folder;
     for (const std::wstring& file : removal->files) {
-        const std::wstring kept = InBackup(item, base, file);
+        if (PathKey(file) == PathKey(backup)) continue;
+        const std::wstring kept = InBackup(backup, base, file);
         LogInfo(L"Remove file '%s'.", file);
         CreateFolders(DirectoryOf(kept));
         if (!::MoveFileExW(file.c_str(), kept.c_str(), 0)) FailOrQueue(item, file, false, L"Failed to remove file " + file);
@@ -209,7 +222,8 @@ void RemoveIntoBackup(const RemoveFileItem& item) {
     for (const std::wstring& folder : removal->folders) {
         if (!FolderIsEmpty(folder)) continue;
         LogInfo(L"Remove folder '%s'.", folder);
-        CreateFolders(InBackup(item, base, folder));
+        if (PathKey(folder) == PathKey(backup)) continue;
+        CreateFolders(InBackup(backup, base, folder));
         if (!::RemoveDirectoryW(folder.c_str())) FailOrQueue(item, folder, true, L"Failed to remove folder " + folder);
     }
 }
@@ -324,11 +338,7 @@ void RemoveFilesExFinalize(Session& session) {
     Wow64FsRedirectionGuard redirection;
     const RemoveFileActionData data = DecodeRemoveFileActionData(session.CustomActionData());
     if (data.mode == L"commit") {
-        for (const RemoveFileItem& item : data.undo) {
-            if (!FolderExists(item.backup)) continue;
-            LogInfo(L"Cleanup folder '%s'.", item.backup);
-            RemoveFolderTree(item.backup);
-        }
+        for (const RemoveFileItem& item : data.undo) RemoveWorkFolder(item.backup, false);
         for (const RemoveFileItem& item : data.items) Leniently([&] { RemoveNow(item); });
         return;
     }
@@ -347,13 +357,15 @@ void RemoveFilesExRollback(Session& session) {
     RollbackRestartRemovals(data.undo, data.snapshot);
     for (auto it = data.undo.rbegin(); it != data.undo.rend(); ++it) {
         const RemoveFileItem& item = *it;
-        if (item.backup.empty() || !FolderExists(item.backup)) continue;
+        if (item.backup.empty()) continue;
+        const std::optional<std::wstring> backup = FindWorkFolder(item.backup, false);
+        if (!backup || !IsRealFolder(*backup)) continue;  // the deferred step never made it
         const RemovalTarget target = ItemTarget(item);
-        LogInfo(L"Restore files of '%s' from '%s'.", item.id, item.backup);
-        RestoreTree(item.backup, target.folder);
-        if (!::RemoveDirectoryW(item.backup.c_str())) {
-            LogInfo(L"Failed to remove folder '%s'. Error 0x%x.", item.backup, FailureFromWin32(::GetLastError()));
-        }
+        LogInfo(L"Restore files of '%s' from '%s'.", item.id, *backup);
+        RestoreTree(*backup, target.folder);
+    }
+    for (const RemoveFileItem& item : data.undo) {
+        if (!item.backup.empty()) RemoveWorkFolder(item.backup, false);
     }
     for (const RemoveFileItem& item : data.items) Leniently([&] { RemoveNow(item); });
 }

@@ -23,15 +23,6 @@ bool Accepts(int attributes, ComponentTask task) {
 }
 
 // Lower case, '/' as '\', no trailing separator: the form paths are compared in.
-std::wstring Canonical(std::wstring_view path) {
-    std::wstring text;
-    for (wchar_t c : path) text.push_back(c == L'/' ? L'\\' : static_cast<wchar_t>(std::towlower(c)));
-    if (text.rfind(L"\\\\?\\unc\\", 0) == 0) text = L"\\\\" + text.substr(8);
-    else if (text.rfind(L"\\\\?\\", 0) == 0) text.erase(0, 4);
-    while (text.size() > 1 && text.back() == L'\\') text.pop_back();
-    return text;
-}
-
 const wchar_t* PhaseName(int phase) {
     switch (phase) {
     case Deferred: return L"deferred";
@@ -107,17 +98,7 @@ bool MatchesPattern(std::wstring_view name, std::wstring_view pattern) {
 
 std::wstring RemovalProblem(const std::wstring& folder, const std::vector<std::wstring>& protectedFolders) {
     if (const std::wstring why = PathProblem(folder + L"\\x"); !why.empty()) return why;
-    const std::wstring path = Canonical(folder);
-    if (IsRootPath(path)) return L"it is the root of a drive or share";
-    for (const std::wstring& guarded : protectedFolders) {
-        if (guarded.empty()) continue;
-        const std::wstring other = Canonical(guarded);
-        if (other == path) return L"it is a system folder (" + guarded + L")";
-        if (other.size() > path.size() && other.compare(0, path.size(), path) == 0 && other[path.size()] == L'\\') {
-            return L"it holds a system folder (" + guarded + L")";
-        }
-    }
-    return {};
+    return ProtectedPathProblem(folder, protectedFolders);
 }
 
 Decision DecideRemoveFile(ComponentStates& states, const RemoveFileRow& row, bool upgrading, LogSink& log) {

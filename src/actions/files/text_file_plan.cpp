@@ -66,7 +66,8 @@ std::vector<TextFileItem> PlanTextFiles(const std::vector<TextFileRow>& rows, Co
     texts = machine.FormatAll(texts);
     for (std::size_t i = 0; i < chosen.size(); ++i) {
         const TextFileRow& row = *chosen[i];
-        const std::wstring& file = texts[2 * i];
+        // Every later step, and the check, sees the path as Windows resolves it.
+        const std::wstring file = PathProblem(texts[2 * i]).empty() ? NormalizePath(texts[2 * i]) : texts[2 * i];
         // Caught here, naming the row, before anything is scheduled.
         if (file.empty()) throw Exception(kFail, L"The file is empty in " + row.id);
         const std::wstring problem = PathProblem(file);

@@ -51,8 +51,22 @@ std::optional<std::vector<XmlFileRow>> ReadRows(const Session& session) {
         rows.push_back(std::move(row));
     });
     if (!exists) return std::nullopt;
-    for (XmlFileRow& row : rows) row.xpath = EscapeXPathPredicates(row.xpath);
+    std::vector<std::size_t> literals;
+    for (XmlFileRow& row : rows) {
+        row.xpath = EscapeXPathPredicates(row.xpath);
+        literals.push_back(static_cast<std::size_t>(std::count(row.xpath.begin(), row.xpath.end(), kXPathLiteralBegin)));
+    }
     FormatRowTexts(session, rows, {&XmlFileRow::file, &XmlFileRow::xpath, &XmlFileRow::value});
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        std::optional<std::wstring> sealed = SealXPathLiterals(rows[i].xpath, literals[i]);
+        if (!sealed) {
+            Throw(kInvalidArgument, L"The XPath of xml edit '" + rows[i].id +
+                                        L"' cannot be built: a property value in it holds the control character "
+                                        L"U+001D or U+001E.");
+        }
+        rows[i].xpath = std::move(*sealed);
+        rows[i].file = ResolvePath(rows[i].file);
+    }
     for (const XmlFileRow& row : rows) {
         const std::wstring value = (row.attributes & Secret) ? L"***" : row.value;
         LogInfo(L"Configured xml edit %s, %s, %s, %d, %s, %s, %s, %d, %d, %s, %s.", row.id, row.file, row.xpath,
@@ -88,8 +102,13 @@ void WriteRecord(const std::wstring& product, const std::wstring& id, const std:
 // --- File bytes ---
 
 std::vector<unsigned char> ReadBytes(const std::wstring& path) {
-    FileHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+    FileHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                  FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     ThrowLastErrorIf(!file, L"Failed to read file '" + path + L"'.");
+    BY_HANDLE_FILE_INFORMATION info;
+    if (::GetFileInformationByHandle(file.Get(), &info) && (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT)) {
+        Throw(HResultFromWin32(ERROR_CANT_ACCESS_FILE), L"Refused to edit '" + path + L"': it is a link (reparse point).");
+    }
     LARGE_INTEGER size{};
     ThrowLastErrorIf(!::GetFileSizeEx(file.Get(), &size), L"Failed to read file '" + path + L"'.");
     if (size.QuadPart > kLargestFile) {
@@ -103,20 +122,6 @@ std::vector<unsigned char> ReadBytes(const std::wstring& path) {
                                                     nullptr) || read != bytes.size()),
                      L"Failed to read file '" + path + L"'.");
     return bytes;
-}
-
-void WriteBytes(const std::wstring& path, const std::vector<unsigned char>& bytes) {
-    CheckNotLink(path);
-    // In place: the file keeps its attributes and permissions; the backup
-    // beside it is what rollback restores.
-    FileHandle file(::CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
-    ThrowLastErrorIf(!file, L"Failed to write file '" + path + L"'.");
-    DWORD written = 0;
-    ThrowLastErrorIf(!::SetEndOfFile(file.Get()) ||
-                         (!bytes.empty() && (!::WriteFile(file.Get(), bytes.data(), static_cast<DWORD>(bytes.size()),
-                                                          &written, nullptr) ||
-                                             written != bytes.size())),
-                     L"Failed to write file '" + path + L"'.");
 }
 
 std::wstring CreatedMarker(const XmlFileItem& item) { return item.backup + L".new"; }
@@ -261,6 +266,7 @@ void ForgetRecords(const XmlFileItem& item, const std::wstring& product) {
 
 void EditFile(const XmlFileItem& item, const std::wstring& product) {
     CheckWritablePath(item.path);
+    CheckNotLink(item.path);
     if (!FileExists(item.path)) {
         const std::wstring text = item.undo ? std::wstring() : NewDocumentText(item);
         if (text.empty()) {
@@ -277,7 +283,7 @@ void EditFile(const XmlFileItem& item, const std::wstring& product) {
                                         FILE_ATTRIBUTE_NORMAL, nullptr));
         ThrowLastErrorIf(!marker, L"Failed to write file '" + CreatedMarker(item) + L"'.");
         LogInfo(L"Create xml file '%s'.", item.path);
-        WriteBytes(item.path, EncodeXmlText(text, XmlEncoding{XmlEncoding::Utf8, true, true}, XmlDeclarationOf(text)));
+        WriteFileBytes(item.path, EncodeXmlText(text, XmlEncoding{XmlEncoding::Utf8, true, true}, XmlDeclarationOf(text)));
     } else {
         LogInfo(L"Backing up file '%s' -> '%s'.", item.path, item.backup);
         CopyToNewFile(item.path, item.backup);
@@ -329,7 +335,7 @@ void EditFile(const XmlFileItem& item, const std::wstring& product) {
         LogInfo(L"The xml file '%s' is unchanged.", item.path);
     } else {
         LogInfo(L"Write to file '%s'.", item.path);
-        WriteBytes(item.path, bytes);
+        WriteFileBytes(item.path, bytes);
     }
     if (AnyEdit(item, KeepTime) && FileExists(item.backup)) CopyFileTime(item.backup, item.path);
     if (item.undo) ForgetRecords(item, product);
@@ -348,11 +354,7 @@ void HideSecretData(const Session& session, const std::vector<XmlFileItem>& item
     if (std::none_of(items.begin(), items.end(), [](const XmlFileItem& item) { return AnyEdit(item, Secret); })) {
         return;
     }
-    std::wstring hidden = session.GetProperty(L"MsiHiddenProperties");
-    for (const wchar_t* name : {L"InstallXmlFilesRollback", L"InstallXmlFilesDeferred", L"InstallXmlFilesCommit"}) {
-        hidden += (hidden.empty() ? L"" : L";") + std::wstring(name);
-    }
-    session.SetProperty(L"MsiHiddenProperties", hidden);
+    HideActionData(session, {L"InstallXmlFilesRollback", L"InstallXmlFilesDeferred", L"InstallXmlFilesCommit"});
 }
 
 void Plan(Session& session, bool uninstalling) {

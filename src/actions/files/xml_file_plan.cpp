@@ -178,36 +178,88 @@ std::wstring EscapeXPathPredicates(std::wstring_view xpath) {
         return c == L'@' || (c >= L'0' && c <= L'9') || c == L'\'' || c == L'"' || c == L'.' || c == L'(' ||
                c == L'*' || c == L'/';
     };
+    // What each unclosed '[' opened: a predicate (escaped), a reference, or a
+    // reference standing alone in a predicate (its value becomes a literal).
+    enum Bracket { Predicate, Reference, LiteralReference };
     std::wstring out;
-    std::vector<bool> open;  // per unclosed '[': true when it opened a predicate (escaped)
-    wchar_t quote = 0;       // inside a predicate's string literal
+    std::vector<Bracket> open;
+    wchar_t quote = 0;  // inside a predicate's string literal
     for (std::size_t i = 0; i < xpath.size(); ++i) {
         const wchar_t c = xpath[i];
-        const bool inPredicate = !open.empty() && open.back();
+        const bool inPredicate = !open.empty() && open.back() == Predicate;
         if (quote != 0) {
             // Inside a predicate's literal only references count: "[@key='[KEY]']".
             if (c == quote) {
                 quote = 0;
-            } else if (c == L'[') {
-                open.push_back(false);
-            } else if (c == L']' && !open.empty() && !open.back()) {
+                out.push_back(kXPathLiteralEnd);
+                continue;
+            }
+            if (c == L'[') {
+                open.push_back(Reference);
+            } else if (c == L']' && !open.empty() && open.back() != Predicate) {
                 open.pop_back();
             }
             out.push_back(c);
             continue;
         }
-        if (inPredicate && (c == L'\'' || c == L'"')) quote = c;
-        if (c == L'[') {
-            const bool predicate = quote == 0 && i + 1 < xpath.size() && opensPredicate(xpath[i + 1]);
-            open.push_back(predicate);
-            out += predicate ? L"[\\[]" : L"[";
+        if (inPredicate && (c == L'\'' || c == L'"')) {
+            quote = c;
+            out.push_back(kXPathLiteralBegin);
+        } else if (c == L'[') {
+            if (i + 1 < xpath.size() && opensPredicate(xpath[i + 1])) {
+                open.push_back(Predicate);
+                out += L"[\\[]";
+            } else {
+                open.push_back(inPredicate ? LiteralReference : Reference);
+                if (inPredicate) out.push_back(kXPathLiteralBegin);
+                out.push_back(c);
+            }
         } else if (c == L']' && !open.empty()) {
-            out += open.back() ? L"[\\]]" : L"]";
+            switch (open.back()) {
+            case Predicate: out += L"[\\]]"; break;
+            case LiteralReference: out += L"]"; out.push_back(kXPathLiteralEnd); break;
+            case Reference: out.push_back(c); break;
+            }
             open.pop_back();
         } else {
             out.push_back(c);
         }
     }
+    return out;
+}
+
+std::wstring XPathLiteral(std::wstring_view value) {
+    if (value.find(L'\'') == std::wstring_view::npos) return L"'" + std::wstring(value) + L"'";
+    if (value.find(L'"') == std::wstring_view::npos) return L"\"" + std::wstring(value) + L"\"";
+    // Both kinds: XPath 1.0 has no escape, so the apostrophes go in as "'".
+    std::wstring text = L"concat(";
+    std::size_t start = 0;
+    for (std::size_t quote = value.find(L'\''); quote != std::wstring_view::npos; quote = value.find(L'\'', start)) {
+        if (quote > start) text += L"'" + std::wstring(value.substr(start, quote - start)) + L"', ";
+        text += L"\"'\", ";
+        start = quote + 1;
+    }
+    if (start < value.size()) text += L"'" + std::wstring(value.substr(start)) + L"', ";
+    text.resize(text.size() - 2);
+    return text + L")";
+}
+
+std::optional<std::wstring> SealXPathLiterals(std::wstring_view formatted, std::size_t spans) {
+    std::wstring out;
+    std::size_t found = 0;
+    for (std::size_t i = 0; i < formatted.size(); ++i) {
+        if (formatted[i] == kXPathLiteralEnd) return std::nullopt;
+        if (formatted[i] != kXPathLiteralBegin) {
+            out.push_back(formatted[i]);
+            continue;
+        }
+        const std::size_t end = formatted.find_first_of(std::wstring{kXPathLiteralBegin, kXPathLiteralEnd}, i + 1);
+        if (end == std::wstring_view::npos || formatted[end] != kXPathLiteralEnd) return std::nullopt;
+        out += XPathLiteral(formatted.substr(i + 1, end - i - 1));
+        ++found;
+        i = end;
+    }
+    if (found != spans) return std::nullopt;
     return out;
 }
 

@@ -99,7 +99,23 @@ std::vector<XmlFileItem> PlanXmlFiles(const std::vector<XmlFileRow>& rows, Compo
 // formatting, with their closing bracket, so that authors write them as XPath;
 // references inside them ("[@key='[KEY]']") stay references. Other predicates
 // ("[last()]", "[text()='x']") are written escaped: "[\[]last()[\]]".
+//
+// A property's value is data, never XPath: each string literal of a predicate,
+// and each reference standing alone in one ("[@key=[KEY]]"), is marked with
+// kXPathLiteralBegin/End, and SealXPathLiterals makes every marked span one
+// literal after formatting. References in the location path itself
+// ("[ROOT]/add") stay path text: they name elements the author chose.
+inline constexpr wchar_t kXPathLiteralBegin = L'\x1D';
+inline constexpr wchar_t kXPathLiteralEnd = L'\x1E';
 std::wstring EscapeXPathPredicates(std::wstring_view xpath);
+
+// `value` as one XPath 1.0 literal: in apostrophes, in double quotes when it
+// holds an apostrophe, or concat() of both kinds when it holds both.
+std::wstring XPathLiteral(std::wstring_view value);
+
+// The formatted XPath with each marked span as one literal; nothing when the
+// marks do not pair up into exactly `spans` spans (a value that held a mark).
+std::optional<std::wstring> SealXPathLiterals(std::wstring_view formatted, std::size_t spans);
 
 // "a=urn:x b=urn:y" as MSXML's SelectionNamespaces: "xmlns:a='urn:x' xmlns:b='urn:y'".
 // Nothing when a pair is not prefix=uri (or the uri holds a quote).

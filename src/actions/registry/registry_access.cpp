@@ -5,6 +5,7 @@
 
 #include "actions/registry/registry_ex_plan.h"
 
+#include "runtime/format.h"
 #include "runtime/program_log.h"
 #include "runtime/throw.h"
 #include "runtime/unique_handle.h"
@@ -53,12 +54,13 @@ RegistryKey CreateKeyForValues(int root, const std::wstring& path, std::uint32_t
     return handle;
 }
 
-void SetValue(HKEY handle, const std::wstring& path, const RegistryValue& value) {
+void SetValue(HKEY handle, const std::wstring& path, const RegistryValue& value, bool secret) {
     const BYTE* data = value.data.empty() ? nullptr : value.data.data();
     ThrowIfWin32Error(::RegSetValueExW(handle, value.name.c_str(), 0, value.type, data,
                                        static_cast<DWORD>(value.data.size())),
                       L"Failed to write registry value: " + Quoted(path, value.name));
-    LogInfo(L"Write registry value: Key '%s', Name '%s', Value '%s'.", path, value.name, RenderValue(value));
+    LogInfo(L"Write registry value: Key '%s', Name '%s', Value '%s'.", path, value.name,
+            secret ? std::wstring(L"***") : RenderValue(value));
 }
 
 // The value under an open key, or nothing when it does not exist. The first
@@ -87,9 +89,9 @@ std::optional<RegistryValue> QueryValue(HKEY handle, const std::wstring& path, s
 
 }  // namespace
 
-void WriteValue(int root, std::wstring_view key, const RegistryValue& value, std::uint32_t view) {
+void WriteValue(int root, std::wstring_view key, const RegistryValue& value, std::uint32_t view, bool secret) {
     const std::wstring path(key);
-    SetValue(CreateKeyForValues(root, path, view).Get(), path, value);
+    SetValue(CreateKeyForValues(root, path, view).Get(), path, value, secret);
 }
 
 bool OpenKeyRun::Continues(int root, std::wstring_view key, std::uint32_t view) {
@@ -101,9 +103,10 @@ bool OpenKeyRun::Continues(int root, std::wstring_view key, std::uint32_t view) 
     return false;
 }
 
-void RegistryValueWriter::Write(int root, std::wstring_view key, const RegistryValue& value, std::uint32_t view) {
+void RegistryValueWriter::Write(int root, std::wstring_view key, const RegistryValue& value, std::uint32_t view,
+                                bool secret) {
     if (!run_.Continues(root, key, view)) run_.handle = CreateKeyForValues(root, run_.key, view);
-    SetValue(run_.handle.Get(), run_.key, value);
+    SetValue(run_.handle.Get(), run_.key, value, secret);
 }
 
 void WriteTextValue(int root, std::wstring_view key, std::wstring_view name, std::wstring_view text,
@@ -222,52 +225,109 @@ void CreateKey(int root, std::wstring_view key, std::uint32_t view) {
     LogInfo(L"Create registry key '%s'.", path);
 }
 
+namespace {
+
+// Opens the key itself, never the target of a registry link.
+LONG OpenKeyNoLink(int root, const std::wstring& path, REGSAM access, std::uint32_t view, RegistryKey& key) {
+    return ::RegOpenKeyExW(RootHandle(root), path.c_str(), REG_OPTION_OPEN_LINK, access | view, key.Put());
+}
+
+// A link key holds its target as the REG_LINK value "SymbolicLinkValue".
+bool IsLinkKey(HKEY handle) {
+    DWORD type = 0;
+    return ::RegQueryValueExW(handle, L"SymbolicLinkValue", nullptr, &type, nullptr, nullptr) == ERROR_SUCCESS &&
+           type == REG_LINK;
+}
+
+// Deletes the opened key (a link: the link itself). RegDeleteKeyExW would
+// open the key again by name and so follow a link; ntdll's NtDeleteKey works
+// on the handle (looked up at run time).
+LONG DeleteOpenKey(HKEY handle) {
+    using NtDeleteKeyFn = LONG(NTAPI*)(HANDLE);
+    using ToDosErrorFn = ULONG(NTAPI*)(LONG);
+    const HMODULE ntdll = ::GetModuleHandleW(L"ntdll.dll");
+    const auto deleteKey = GetProcedure<NtDeleteKeyFn>(ntdll, "NtDeleteKey");
+    const auto toDosError = GetProcedure<ToDosErrorFn>(ntdll, "RtlNtStatusToDosError");
+    if (!deleteKey || !toDosError) return ERROR_PROC_NOT_FOUND;
+    const LONG status = deleteKey(handle);
+    return status == 0 ? ERROR_SUCCESS : static_cast<LONG>(toDosError(status));
+}
+
+// Recursion through a tree stops here: no real tree is this deep, a loop of links is.
+constexpr int kMaxTreeDepth = 512;
+
+LONG RemoveTree(int root, const std::wstring& path, std::uint32_t view, int depth) {
+    RegistryKey handle;
+    LONG status = OpenKeyNoLink(root, path, KEY_READ | DELETE, view, handle);
+    if (NotFound(status)) return ERROR_SUCCESS;
+    if (status != ERROR_SUCCESS) {
+        LogInfo(L"Failed to open registry key '%s'. Error 0x%x.", path, Failure(status));
+        return status;
+    }
+    if (IsLinkKey(handle.Get())) {
+        status = DeleteOpenKey(handle.Get());
+        if (status == ERROR_SUCCESS) LogInfo(L"Remove registry link '%s' (its target stays).", path);
+        else LogInfo(L"Failed to remove registry link '%s'. Error 0x%x.", path, Failure(status));
+        return status;
+    }
+    if (depth >= kMaxTreeDepth) {
+        LogInfo(L"Failed to remove registry key '%s': it lies more than %d levels deep. Error 0x%x.", path,
+                kMaxTreeDepth, Failure(ERROR_CANTOPEN));
+        return ERROR_CANTOPEN;
+    }
+    // Each removed subkey moves the next one to index 0; one that stays
+    // (it could not be removed) is stepped over.
+    for (DWORD index = 0;;) {
+        wchar_t name[260] = {};
+        DWORD length = 260;
+        if (::RegEnumKeyExW(handle.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) {
+            break;
+        }
+        if (RemoveTree(root, path + L"\\" + std::wstring(name, length), view, depth + 1) != ERROR_SUCCESS) ++index;
+    }
+    status = DeleteOpenKey(handle.Get());
+    if (status != ERROR_SUCCESS) LogInfo(L"Failed to remove registry key '%s'. Error 0x%x.", path, Failure(status));
+    return status;
+}
+
+void CollectTree(int root, const std::wstring& path, std::uint32_t view, int depth, std::vector<std::wstring>& keys) {
+    RegistryKey handle;
+    const LONG status = OpenKeyNoLink(root, path, KEY_READ, view, handle);
+    if (NotFound(status)) return;
+    ThrowIfWin32Error(status, L"Failed to open registry key " + path);
+    if (IsLinkKey(handle.Get())) {
+        LogInfo(L"Skip the registry link '%s': a link is never followed.", path);
+        return;
+    }
+    if (depth >= kMaxTreeDepth) {
+        Throw(HResultFromWin32(ERROR_CANTOPEN),
+              Format(L"Failed to read registry key '%s': it lies more than %d levels deep.", path, kMaxTreeDepth));
+    }
+    keys.push_back(path);
+    std::vector<std::wstring> names;
+    for (DWORD index = 0;; ++index) {
+        wchar_t name[256] = {};
+        DWORD length = 256;
+        const LONG listed = ::RegEnumKeyExW(handle.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr);
+        if (listed == ERROR_NO_MORE_ITEMS) break;
+        ThrowIfWin32Error(listed, L"Failed to get registry subkeys. Can't enumerate subkeys of key " + path);
+        names.emplace_back(name, length);
+    }
+    handle.Reset();
+    for (const std::wstring& name : names) CollectTree(root, path + L"\\" + name, view, depth + 1, keys);
+}
+
+}  // namespace
+
 LONG DeleteKey(int root, std::wstring_view key, std::uint32_t view) {
-    const std::wstring path(key);
-    const HMODULE advapi = ::GetModuleHandleW(L"Advapi32.dll");
-    if (!advapi) {
-        LogInfo(L"Failed to get module handle.");
-        return ERROR_MOD_NOT_FOUND;
-    }
-    using DeleteKeyExFn = LONG(WINAPI*)(HKEY, LPCWSTR, REGSAM, DWORD);
-    if (const auto deleteKeyEx = GetProcedure<DeleteKeyExFn>(advapi, "RegDeleteKeyExW")) {
-        return deleteKeyEx(RootHandle(root), path.c_str(), view, 0);
-    }
-    if (IsWow64()) {
-        LogInfo(L"Failed to get proc address");
-        return ERROR_PROC_NOT_FOUND;
-    }
-    return ::RegDeleteKeyW(RootHandle(root), path.c_str());
+    RegistryKey handle;
+    const LONG status = OpenKeyNoLink(root, std::wstring(key), DELETE, view, handle);
+    if (status != ERROR_SUCCESS) return status;
+    return DeleteOpenKey(handle.Get());
 }
 
 LONG RemoveKeyTree(int root, std::wstring_view key, std::uint32_t view) {
-    const std::wstring path(key);
-    LONG status = DeleteKey(root, path, view);
-    if (status == ERROR_SUCCESS) return status;
-    {
-        RegistryKey handle;
-        status = OpenKey(root, path, KEY_READ, view, handle);
-        if (NotFound(status)) return ERROR_SUCCESS;
-        if (status != ERROR_SUCCESS) {
-            LogInfo(L"Failed to open registry key '%s'. Error 0x%x.", path, Failure(status));
-            return status;
-        }
-        // Each removed subkey moves the next one to index 0; one that stays
-        // (it could not be removed) is stepped over.
-        DWORD index = 0;
-        for (;;) {
-            wchar_t name[260] = {};
-            DWORD length = 260;
-            if (::RegEnumKeyExW(handle.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) !=
-                ERROR_SUCCESS) {
-                break;
-            }
-            if (RemoveKeyTree(root, path + L"\\" + std::wstring(name, length), view) != ERROR_SUCCESS) ++index;
-        }
-    }
-    status = DeleteKey(root, path, view);
-    if (status != ERROR_SUCCESS) LogInfo(L"Failed to remove registry key '%s'. Error 0x%x.", path, Failure(status));
-    return status;
+    return RemoveTree(root, std::wstring(key), view, 0);
 }
 
 void RemoveEmptyKeys(int root, std::wstring_view key, std::uint32_t view, int keep) {
@@ -275,7 +335,7 @@ void RemoveEmptyKeys(int root, std::wstring_view key, std::uint32_t view, int ke
     while (!path.empty() && (keep <= 0 || KeyDepth(path) > keep)) {
         {
             RegistryKey handle;
-            LONG status = OpenKey(root, path, KEY_ALL_ACCESS, view, handle);
+            LONG status = OpenKeyNoLink(root, path, KEY_QUERY_VALUE, view, handle);
             if (status != ERROR_SUCCESS) {
                 LogInfo(L"Failed to open registry key '%s'. Error 0x%x.", path, Failure(status));
                 return;
@@ -351,17 +411,8 @@ std::vector<RegistryValue> GetValues(int root, std::wstring_view key, std::uint3
 }
 
 std::vector<std::wstring> CollectKeyTree(int root, std::wstring_view key, std::uint32_t view) {
-    const std::wstring path(key);
-    {
-        RegistryKey handle;
-        const LONG status = OpenKey(root, path, KEY_READ, view, handle);
-        if (NotFound(status)) return {};
-        ThrowIfWin32Error(status, L"Failed to open registry key " + path);
-    }
-    std::vector<std::wstring> keys{path};
-    for (const std::wstring& name : GetSubkeys(root, path, view)) {
-        for (std::wstring& below : CollectKeyTree(root, path + L"\\" + name, view)) keys.push_back(std::move(below));
-    }
+    std::vector<std::wstring> keys;
+    CollectTree(root, std::wstring(key), view, 0, keys);
     return keys;
 }
 

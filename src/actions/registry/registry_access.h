@@ -24,8 +24,10 @@ bool IsWow64();
 
 // Creates the key as needed and sets the value. Throws "Failed to create
 // registry key '<key>'." or "Failed to write registry value: Key '<key>',
-// Name '<name>'."; logs "Write registry value: Key '%s', Name '%s', Value '%s'.".
-void WriteValue(int root, std::wstring_view key, const RegistryValue& value, std::uint32_t view);
+// Name '<name>'."; logs "Write registry value: Key '%s', Name '%s', Value '%s'."
+// (the value as "***" when `secret`).
+void WriteValue(int root, std::wstring_view key, const RegistryValue& value, std::uint32_t view,
+                bool secret = false);
 
 // Writes a REG_SZ value, creating the key as needed, without logging its
 // data (records that are long or hold old values: the caller logs what it
@@ -118,7 +120,7 @@ public:
 // value of the same key.
 class RegistryValueWriter {
 public:
-    void Write(int root, std::wstring_view key, const RegistryValue& value, std::uint32_t view);
+    void Write(int root, std::wstring_view key, const RegistryValue& value, std::uint32_t view, bool secret = false);
 
 private:
     OpenKeyRun run_;

@@ -80,6 +80,9 @@ std::optional<std::vector<RegistryExRow>> ReadRows(const Session& session, Sessi
     });
     FormatRowTexts(session, rows,
                    {&RegistryExRow::key, &RegistryExRow::name, &RegistryExRow::value, &RegistryExRow::file});
+    for (RegistryExRow& row : rows) {
+        row.secret = HoldsLogSecret(row.value) || HoldsLogSecret(row.name) || HoldsLogSecret(row.key);
+    }
     ResolveComponentStates(rows, components, reading.forceInstall, log);
     return rows;
 }
@@ -130,7 +133,13 @@ void ScheduleDirect(const Session& session, const std::vector<RegistryExRow>& wo
     std::vector<RegistryExRow> rollback;
     for (const RegistryExRow& row : work) {
         if (row.attributes & kRegExDisableRollback) continue;
-        for (RegistryExRow& undo : CaptureRollback(row, registry, log)) rollback.push_back(std::move(undo));
+        for (RegistryExRow& undo : CaptureRollback(row, registry, log)) {
+            undo.secret = row.secret;  // on uninstall, the old value is the secret itself
+            rollback.push_back(std::move(undo));
+        }
+    }
+    if (std::any_of(work.begin(), work.end(), [](const RegistryExRow& row) { return row.secret; })) {
+        HideActionData(session, {rollbackAction, deferredAction});
     }
     if (!rollback.empty()) session.ScheduleDeferred(rollbackAction, EncodeRegistryRows(rollback));
     session.ScheduleDeferred(deferredAction, EncodeRegistryRows(work));
@@ -237,7 +246,7 @@ void ApplyRows(const Session& session, bool strict) {
     for (const RegistryExRow& row : writes) {
         const auto write = [&] {
             if (RowKeyMarker(row) != KeyMarker::None) CreateKey(row.root, row.key, RowView(row));
-            else writer.Write(row.root, row.key, ParseValueNotation(row.name, row.value), RowView(row));
+            else writer.Write(row.root, row.key, ParseValueNotation(row.name, row.value), RowView(row), row.secret);
         };
         if (strict) write();
         else Leniently(write);

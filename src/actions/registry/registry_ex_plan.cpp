@@ -376,6 +376,7 @@ std::wstring EncodeRegistryRows(const std::vector<RegistryExRow>& rows) {
         record.Set(L"cmp", row.component);
         record.Set(L"condition", row.condition);
         if (row.keep) record.Set(L"keep", row.keep);
+        if (row.secret) record.Set(L"sec", 1);
         records.push_back(std::move(record));
     }
     PropertyMap top;
@@ -398,6 +399,7 @@ std::vector<RegistryExRow> DecodeRegistryRows(std::wstring_view text) {
         row.component = record.Get(L"cmp");
         row.condition = record.Get(L"condition");
         row.keep = record.GetInteger(L"keep");
+        row.secret = record.GetInteger(L"sec") != 0;
         rows.push_back(std::move(row));
     }
     return rows;

@@ -37,6 +37,9 @@ struct RegistryExRow {
     // Rollback removals only: how many leading components of the key existed
     // before; the clean-up of empty keys stops there. 0: no limit.
     int keep = 0;
+    // Its key, name or value holds a hidden property's value: no line of the
+    // deferred side shows the value, and the data travels hidden.
+    bool secret = false;
     bool operator==(const RegistryExRow&) const = default;
 };
 

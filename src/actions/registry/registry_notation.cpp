@@ -1,6 +1,7 @@
 #include "actions/registry/registry_notation.h"
 
 #include <cwctype>
+#include <utility>
 #include <vector>
 
 #include "runtime/exception.h"
@@ -201,14 +202,7 @@ std::wstring QuoteRegFileString(std::wstring_view text) {
 std::wstring RenderRegFileValue(std::wstring_view value) {
     const Parsed parsed = Classify(value);
     switch (parsed.notation) {
-    case Notation::Binary: {
-        std::wstring text = L"hex:";
-        for (std::size_t i = 0; i < parsed.rest.size(); i += 2) {
-            if (i) text.push_back(L',');
-            text.append(parsed.rest.substr(i, 2));
-        }
-        return text;
-    }
+    case Notation::Binary: return L"hex:" + HexList(HexBytes(parsed.rest, L"binary", value));
     case Notation::Expand: {
         std::vector<unsigned char> bytes;
         AppendUtf16(bytes, parsed.rest);
@@ -223,11 +217,27 @@ std::wstring RenderRegFileValue(std::wstring_view value) {
     case Notation::Multi: return L"hex(7):" + HexList(MultiBytes(parsed.rest));
     case Notation::String: break;
     }
+    // A quoted string ends at its line: one holding a line break (or any
+    // control character) would carry lines of its own into the file.
+    for (const wchar_t c : parsed.rest) {
+        if (c < 0x20) {
+            std::vector<unsigned char> bytes;
+            AppendUtf16(bytes, parsed.rest);
+            return L"hex(1):" + HexList(bytes);
+        }
+    }
     return QuoteRegFileString(parsed.rest);
 }
 
 std::wstring RegistryPathProblem(std::wstring_view key, std::wstring_view name) {
     if (key.empty()) return L"the key is empty";
+    for (const auto& [what, text] : {std::pair{L"key", key}, std::pair{L"value name", name}}) {
+        const std::size_t bad = text.find_first_of(std::wstring_view(L"\r\n\0", 3));
+        if (bad != std::wstring_view::npos) {
+            return Format(L"the %s holds a line break or NUL (code %d), which no registry file can carry", what,
+                          int{text[bad]});
+        }
+    }
     std::size_t start = 0;
     while (start <= key.size()) {
         std::size_t end = key.find(L'\\', start);

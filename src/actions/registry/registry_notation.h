@@ -43,7 +43,9 @@ std::wstring QuoteRegFileString(std::wstring_view text);
 
 // Why a row's key and name cannot be written, or empty text when they can: an
 // empty key, a key with an empty component (a doubled, leading or trailing
-// backslash), a component or a name longer than the registry allows.
+// backslash), a component or a name longer than the registry allows, a key
+// or a name holding CR, LF or NUL (a registry file would take it for lines of
+// its own).
 std::wstring RegistryPathProblem(std::wstring_view key, std::wstring_view name);
 
 }  // namespace setup

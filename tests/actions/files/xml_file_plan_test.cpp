@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include <string>
 #include <vector>
 
@@ -22,17 +24,44 @@ public:
 std::vector<unsigned char> Bytes(const std::string& text) { return {text.begin(), text.end()}; }
 
 TEST(XmlFilePlan, EscapesPredicatesButNotReferences) {
+    // '{' and '}' stand for the marks around what becomes one literal.
     const std::pair<const wchar_t*, const wchar_t*> cases[] = {
         {L"/a/b", L"/a/b"},
-        {L"//add[@key='port']", L"//add[\\[]@key='port'[\\]]"},
+        {L"//add[@key='port']", L"//add[\\[]@key={port}[\\]]"},
         {L"/a/b[2]/c", L"/a/b[\\[]2[\\]]/c"},
-        {L"//add[@key='[KEY]']", L"//add[\\[]@key='[KEY]'[\\]]"},  // a property inside a literal
+        {L"//add[@key='[KEY]']", L"//add[\\[]@key={[KEY]}[\\]]"},  // a property inside a literal
+        {L"//add[@key=[KEY]]", L"//add[\\[]@key={[KEY]}[\\]]"},    // ... or standing alone in a predicate
         {L"[INSTALLDIR]", L"[INSTALLDIR]"},
         {L"/a[last()]", L"/a[last()]"},  // ambiguous: written escaped by the author
-        {L"/a[@x=\"]\"]/b", L"/a[\\[]@x=\"]\"[\\]]/b"},
+        {L"/a[@x=\"]\"]/b", L"/a[\\[]@x={]}[\\]]/b"},
         {L"/a[.//b[@c]]", L"/a[\\[].//b[\\[]@c[\\]][\\]]"},
     };
-    for (const auto& [xpath, escaped] : cases) EXPECT_EQ(EscapeXPathPredicates(xpath), escaped) << xpath;
+    for (const auto& [xpath, escaped] : cases) {
+        std::wstring marked = EscapeXPathPredicates(xpath);
+        std::replace(marked.begin(), marked.end(), kXPathLiteralBegin, L'{');
+        std::replace(marked.begin(), marked.end(), kXPathLiteralEnd, L'}');
+        EXPECT_EQ(marked, escaped) << xpath;
+    }
+}
+
+// A property's value is data: whatever quotes or XPath it holds, it is one literal.
+TEST(XmlFilePlan, PropertyValuesBecomeLiterals) {
+    const std::wstring b(1, kXPathLiteralBegin), e(1, kXPathLiteralEnd);
+    const std::pair<std::wstring, std::wstring> cases[] = {
+        {L"plain", L"'plain'"},
+        {L"it's", L"\"it's\""},
+        {L"nosuch'] | /config/add[@key!='", L"\"nosuch'] | /config/add[@key!='\""},
+        {L"a'b\"c'", L"concat('a', \"'\", 'b\"c', \"'\")"},
+        {L"'\"", L"concat(\"'\", '\"')"},
+    };
+    for (const auto& [value, literal] : cases) {
+        EXPECT_EQ(XPathLiteral(value), literal);
+        EXPECT_EQ(SealXPathLiterals(L"/c/add[@key=" + b + value + e + L"]", 1), L"/c/add[@key=" + literal + L"]");
+    }
+    // A value that carries a mark of its own cannot pair up.
+    EXPECT_EQ(SealXPathLiterals(b + L"x" + e + L"]|//*[" + b + L"y" + e, 1), std::nullopt);
+    EXPECT_EQ(SealXPathLiterals(b + L"x" + e + e, 1), std::nullopt);
+    EXPECT_EQ(SealXPathLiterals(b + L"x" + b + e, 1), std::nullopt);
 }
 
 TEST(XmlFilePlan, NamespacesRootsAndDocumentTypes) {

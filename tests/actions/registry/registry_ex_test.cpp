@@ -7,6 +7,7 @@
 #include "actions/registry/registry_ex_plan.h"
 #include "actions/registry/registry_notation.h"
 #include "runtime/exception.h"
+#include "runtime/format.h"
 #include "runtime/fake_component_states.h"
 
 namespace setup {
@@ -33,8 +34,8 @@ std::wstring Failure(std::wstring_view value) {
 TEST(RegistryNotation, EveryNotationWritesItsTypeAndRendersForTheRegistryEditor) {
     struct Case { std::wstring value; std::uint32_t type; std::vector<unsigned char> data; std::wstring line; };
     const std::vector<Case> cases = {
-        {L"#x0A0B", kRegBinary, {0x0A, 0x0B}, L"hex:0A,0B"},
-        {L"#xabc", kRegBinary, {0xAB, 0x0C}, L"hex:ab,c"},
+        {L"#x0A0B", kRegBinary, {0x0A, 0x0B}, L"hex:0a,0b"},
+        {L"#xabc", kRegBinary, {0xAB, 0x0C}, L"hex:ab,0c"},
         {L"#%%P%", kRegExpandSz, Utf16(std::wstring(L"%P%") + L'\0'), L"hex(2):25,00,50,00,25,00,00,00"},
         {L"#123", kRegDword, {0x7B, 0, 0, 0}, L"dword:0000007b"},
         {L"# +7z", kRegDword, {7, 0, 0, 0}, L"dword:00000007"},
@@ -63,11 +64,32 @@ TEST(RegistryNotation, EveryNotationWritesItsTypeAndRendersForTheRegistryEditor)
     EXPECT_EQ(Failure(L"#"), L"Failed to convert registry value to dword: # (invalid stoul argument)");
     EXPECT_EQ(Failure(L"#xZZ"), L"Failed to convert registry value to binary: #xZZ");
     EXPECT_EQ(Failure(L"#t:00"), L"Failed to convert registry value to raw bytes: #t:00");
+    EXPECT_THROW(RenderRegFileValue(L"#x0a\n[-HKEY_LOCAL_MACHINE\\SYSTEM]"), Exception);
     EXPECT_NE(Failure(std::wstring(kMaxValueBytes / 2, L'x')).find(L"more than the 1048576"), std::wstring::npos);
     EXPECT_EQ(Failure(std::wstring(kMaxValueBytes / 2 - 1, L'x')), L"(accepted)");
 }
 
+// A string holding any control character is written as hex(1), whose bytes
+// are exactly the string's: no line of the file comes from a value.
+TEST(RegistryNotation, ControlCharactersInAStringNeverLeaveItsLine) {
+    for (wchar_t c = 0; c < 0x20; ++c) {
+        const std::wstring text = std::wstring(L"a") + c + L"[-HKEY_LOCAL_MACHINE\\SYSTEM]";
+        const std::wstring line = RenderRegFileValue(text);
+        SCOPED_TRACE(int{c});
+        ASSERT_EQ(line.find_first_of(L"\r\n["), std::wstring::npos);
+        ASSERT_TRUE(line.starts_with(c == 0 ? L"hex(7):" : L"hex(1):"));
+        std::vector<unsigned char> bytes;
+        for (std::size_t i = 7; i < line.size(); i += 3) bytes.push_back(static_cast<unsigned char>(std::stoi(std::wstring(line.substr(i, 2)), nullptr, 16)));
+        EXPECT_EQ(bytes, ParseValueNotation(L"n", text).data);
+    }
+}
+
 TEST(RegistryNotation, KeysAndNamesTheRegistryCannotHoldAreNamed) {
+    for (const wchar_t c : {L'\r', L'\n', L'\0'}) {
+        const std::wstring bad = std::wstring(L"A") + c + L"[-HKEY_LOCAL_MACHINE\\SYSTEM]";
+        EXPECT_EQ(RegistryPathProblem(bad, L"n"), Format(L"the key holds a line break or NUL (code %d), which no registry file can carry", int{c}));
+        EXPECT_NE(RegistryPathProblem(L"A", bad), L"");
+    }
     EXPECT_EQ(RegistryPathProblem(L"A\\B", L"n"), L"");
     EXPECT_EQ(RegistryPathProblem(std::wstring(255, L'k'), std::wstring(16383, L'n')), L"");
     EXPECT_EQ(RegistryPathProblem(L"", L""), L"the key is empty");
