@@ -235,6 +235,15 @@ class Package:
         self.properties["ForceFailure"] = "files=00000000*atr>0^content>x^path>C:\\no\\such\\dir\\f.txt^rbf>|pfr="
         return self
 
+    def run_host_script(self, sequence, script):
+        """A deferred action at `sequence` that runs `script` (a host path) with
+        the host's /bin/sh, as SYSTEM would run a program: the stand-in for a
+        user acting on the machine while the installer's script runs."""
+        self.custom_actions.append(["HostScript", "3106", "TARGETDIR",
+                                    f"[System64Folder]start.exe /wait /unix /bin/sh {script}"])
+        self.sequence.append(["HostScript", "", str(sequence)])
+        return self
+
     def _wxs(self, work):
         comps, refs = [], {}
         for i, (component, files) in enumerate(self.components.items()):

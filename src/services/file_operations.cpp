@@ -50,6 +50,14 @@ std::wstring CreateUuidString() {
     return std::wstring(reinterpret_cast<const wchar_t*>(text.text));
 }
 
+std::wstring CreateRandomHex() {
+    std::wstring hex;
+    for (const wchar_t c : CreateUuidString()) {
+        if (c != L'-') hex.push_back(c);
+    }
+    return hex;
+}
+
 void MoveFileOnReboot(std::wstring_view source, std::wstring_view destination) {
     const std::wstring from(source);
     const std::wstring to(destination);

@@ -17,6 +17,8 @@ namespace setup {
 // A fresh UUID in UuidToStringW's form (lower case, no braces).
 // Throws "Failed to create uuid." / "Failed to convert uuid to string.".
 std::wstring CreateUuidString();
+// A fresh UUID as 32 hex digits: 122 random bits, for names nobody can guess.
+std::wstring CreateRandomHex();
 
 // Queues, for the next restart, the deletion of the destination and then the
 // rename of the source onto it. Throws "Failed to move file on reboot ...".

@@ -38,6 +38,17 @@ bool WriteAll(HANDLE file, const void* data, std::size_t bytes) {
     return true;
 }
 
+// Every byte from the current position of `in` to its end, appended to `out`.
+bool CopyContent(HANDLE in, HANDLE out) {
+    std::vector<char> buffer(1 << 16);
+    for (;;) {
+        DWORD read = 0;
+        if (!::ReadFile(in, buffer.data(), static_cast<DWORD>(buffer.size()), &read, nullptr)) return false;
+        if (read == 0) return true;
+        if (!WriteAll(out, buffer.data(), read)) return false;
+    }
+}
+
 bool HandleIsReparsePoint(HANDLE file) {
     BY_HANDLE_FILE_INFORMATION info;
     return ::GetFileInformationByHandle(file, &info) && (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT);
@@ -45,15 +56,6 @@ bool HandleIsReparsePoint(HANDLE file) {
 
 [[noreturn]] void RefuseLink(const std::wstring& path) {
     Throw(HResultFromWin32(ERROR_CANT_ACCESS_FILE), L"Refused to write '" + path + L"': it is a link (reparse point).");
-}
-
-// The UUID as 32 hex digits: 122 random bits, not guessable like a counter.
-std::wstring RandomHex() {
-    std::wstring hex;
-    for (const wchar_t c : CreateUuidString()) {
-        if (c != L'-') hex.push_back(c);
-    }
-    return hex;
 }
 
 }  // namespace
@@ -105,7 +107,7 @@ NewFile CreateStagingFile(std::wstring_view directory, std::wstring_view prefix)
     DWORD error = ERROR_FILE_EXISTS;
     for (int attempt = 0; attempt < kStagingNameTries; ++attempt) {
         NewFile staged;
-        staged.path = JoinPath(directory, std::wstring(prefix) + RandomHex() + L".tmp");
+        staged.path = JoinPath(directory, std::wstring(prefix) + CreateRandomHex() + L".tmp");
         staged.handle.Reset(::CreateFileW(staged.path.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_NEW,
                                           FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
         if (staged.handle) return staged;
@@ -138,15 +140,7 @@ void CopyToNewFile(std::wstring_view source, std::wstring_view destination) {
     FileHandle out(::CreateFileW(to.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
                                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     ThrowLastErrorIf(!out, failure);
-    bool ok = true;
-    std::vector<char> buffer(1 << 16);
-    for (;;) {
-        DWORD read = 0;
-        ok = ::ReadFile(in.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &read, nullptr) != FALSE;
-        if (!ok || read == 0) break;
-        ok = WriteAll(out.Get(), buffer.data(), read);
-        if (!ok) break;
-    }
+    bool ok = CopyContent(in.Get(), out.Get());
     ok = ok && ::SetFileTime(out.Get(), &info.ftCreationTime, &info.ftLastAccessTime, &info.ftLastWriteTime);
     if (!ok) {
         const DWORD error = ::GetLastError();
@@ -195,15 +189,7 @@ void CopyIntoExistingFile(std::wstring_view source, std::wstring_view destinatio
         ::SetFileAttributesW(to.c_str(), now & ~DWORD{FILE_ATTRIBUTE_READONLY});
     }
     FileHandle out = OpenForWriting(to, GENERIC_WRITE | FILE_WRITE_ATTRIBUTES, OPEN_EXISTING, failure);
-    bool ok = true;
-    std::vector<char> buffer(1 << 16);
-    for (;;) {
-        DWORD read = 0;
-        ok = ::ReadFile(in.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &read, nullptr) != FALSE;
-        if (!ok || read == 0) break;
-        ok = WriteAll(out.Get(), buffer.data(), read);
-        if (!ok) break;
-    }
+    bool ok = CopyContent(in.Get(), out.Get());
     ok = ok && ::SetEndOfFile(out.Get()) &&
          ::SetFileTime(out.Get(), &info.ftCreationTime, &info.ftLastAccessTime, &info.ftLastWriteTime);
     ThrowLastErrorIf(!ok, failure);

@@ -25,14 +25,6 @@ std::map<std::wstring, std::wstring>& Made() {
 
 HKEY RecordRoot(bool perUser) { return perUser ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHINE; }
 
-std::wstring RandomHex() {
-    std::wstring hex;
-    for (const wchar_t c : CreateUuidString()) {
-        if (c != L'-') hex.push_back(c);
-    }
-    return hex;
-}
-
 void WriteRecord(std::wstring_view token, const std::wstring& folder, bool perUser) {
     RegistryKey key;
     ThrowIfWin32Error(::RegCreateKeyExW(RecordRoot(perUser), kRecordKey, 0, nullptr, 0, KEY_SET_VALUE, nullptr,
@@ -68,7 +60,7 @@ std::wstring CreateWorkFolder(std::wstring_view parent, std::wstring_view prefix
     SECURITY_ATTRIBUTES attributes{sizeof attributes, const_cast<unsigned char*>(descriptor.data()), FALSE};
     DWORD error = ERROR_ALREADY_EXISTS;
     for (int attempt = 0; attempt < kNameTries; ++attempt) {
-        const std::wstring folder = JoinPath(parent, std::wstring(prefix) + RandomHex());
+        const std::wstring folder = JoinPath(parent, std::wstring(prefix) + CreateRandomHex());
         if (::CreateDirectoryW(folder.c_str(), &attributes)) {
             if (!IsRealFolder(folder)) {
                 Throw(HResultFromWin32(ERROR_CANT_ACCESS_FILE),
@@ -85,7 +77,10 @@ std::wstring CreateWorkFolder(std::wstring_view parent, std::wstring_view prefix
     Throw(FailureFromWin32(error), L"Failed to create folder '" + JoinPath(parent, prefix) + L"...'.");
 }
 
-std::optional<std::wstring> FindWorkFolder(std::wstring_view token, bool perUser) {
+namespace {
+
+// The folder recorded for `token`, whatever is there now.
+std::optional<std::wstring> RecordedFolder(std::wstring_view token, bool perUser) {
     const std::wstring key(token);
     if (const auto made = Made().find(key); made != Made().end()) return made->second;
     RegistryKey records;
@@ -104,10 +99,20 @@ std::optional<std::wstring> FindWorkFolder(std::wstring_view token, bool perUser
     return folder;
 }
 
+}  // namespace
+
+std::optional<std::wstring> FindWorkFolder(std::wstring_view token, bool perUser) {
+    std::optional<std::wstring> folder = RecordedFolder(token, perUser);
+    if (!folder || IsRealFolder(*folder)) return folder;
+    if (::GetFileAttributesW(folder->c_str()) != INVALID_FILE_ATTRIBUTES) {
+        LogInfo(L"Refused to use the work folder '%s': it is no longer the folder made for it.", *folder);
+    }
+    return std::nullopt;
+}
+
 void RemoveWorkFolder(std::wstring_view token, bool perUser) {
-    const std::optional<std::wstring> folder = FindWorkFolder(token, perUser);
-    if (!folder) return;
-    if (IsRealFolder(*folder)) {
+    if (!RecordedFolder(token, perUser)) return;
+    if (const std::optional<std::wstring> folder = FindWorkFolder(token, perUser)) {
         LogInfo(L"Cleanup folder '%s'.", *folder);
         RemoveFolderTree(*folder);
     }

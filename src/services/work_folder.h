@@ -29,7 +29,9 @@ namespace setup {
 std::wstring CreateWorkFolder(std::wstring_view parent, std::wstring_view prefix, std::wstring_view token,
                               bool perUser);
 
-// The folder a deferred action recorded for `token`, or nothing.
+// The folder a deferred action recorded for `token`, or nothing: also when
+// it is no longer a real folder (swapped for a link), which is logged
+// ("Refused to use the work folder '%s': it is no longer the folder made for it.").
 std::optional<std::wstring> FindWorkFolder(std::wstring_view token, bool perUser);
 
 // Removes the folder recorded for `token` with everything in it (see

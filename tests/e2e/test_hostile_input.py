@@ -149,22 +149,29 @@ class SystemActions(InstallerCase):
         cab = cabinet_bytes([("a.txt", b"alpha")])
         package = self.table_package("CabPackage", [("Data", "[INSTALLDIR]payload.cab", self.win + "\\cab", "0",
                                                      "Main", "")], files=[("cab0", "payload.cab", cab)])
-        package.add_table("RemoveFileEx", [("Logs", "Main", self.win + "\\data\\*.log", "0", "0", "")])
-        package.fail_at(6550)
-        # Links at every name the immediate phase could announce are of no use:
-        # the names it hands over are tokens, and the folders are made later.
-        for name in ("~cab", "~rfx"):
-            os.symlink(self.outside, self.root / name)
+        package.add_table("RemoveFileEx", [("Logs", "Main", self.win + "\\data\\*.log", "0", "1", "")])
+        # After the deferred actions made their folders, and before the failure
+        # sends rollback into them, a user swaps each for a link to a folder
+        # outside; under the old design, rollback then emptied what it points to.
+        planted = self.work / "planted.txt"
+        script = self.work / "swap.sh"
+        script.write_text(f"""echo started > '{planted}.ran'
+for f in '{self.root}'/~cab* '{self.root / "data"}'/~rfx*; do
+  [ -d "$f" ] || continue
+  mv "$f" "$f.moved" && ln -s '{self.outside}' "$f" && echo "$f" >> '{planted}'
+done
+""")
+        package.run_host_script(4025, script).fail_at(6550)
         before = self.outside_state()
         log = self.run_expecting(1603, package, "/i", log="fail.log")
+        swapped = planted.read_text().split() if planted.exists() else []
+        self.assertEqual(sorted(os.path.basename(n)[:4] for n in swapped), ["~cab", "~rfx"], log[-3000:])
         self.assertEqual(differences(before, self.outside_state()), [])
         used = re.findall(r"Extract cabinet '[^']*' into '([^']*)'", log)
         self.assertEqual(len(used), 1, log[-3000:])
-        self.assertRegex(used[0], r"\\~cab[0-9a-f]{32}$")
-        # The announced token (a planned name) is nowhere on disk, and the
-        # folder made for the work is gone with the rollback.
-        self.assertEqual(sorted(p.name for p in self.root.iterdir() if p.name.startswith("~")), ["~cab", "~rfx"])
-        self.assertEqual(sorted(p.name for p in (self.root / "data").iterdir()), ["old0.log", "old1.log", "old2.log"])
+        self.assertRegex(used[0], r"\\~cab[0-9a-f]{32}$")  # a folder of its own, named by nobody
+        self.assertIn(f"Refused to use the work folder '{used[0]}': it is no longer the folder made for it.",
+                      library_lines(log, "InstallCabsRollback"))
         records = "HKLM\\Software\\" + WOW + "Setup Utils\\WorkFolders"
         self.assertEqual(registry_values(self.prefix, records).get(records, {}), {})
 
@@ -189,6 +196,34 @@ class SystemActions(InstallerCase):
         self.assertNotEqual(self.prefix.reg("query", native + "\\Tree").returncode, 0)
         lines = library_lines(log, "UninstallRegistryDeferred")
         self.assertIn(f"Remove registry link '{base}\\Tree\\Link' (its target stays).", lines)
+
+    def test_3_a_line_break_in_a_value_adds_no_line_to_a_registry_file(self):
+        native = "HKLM\\SOFTWARE\\" + WOW + "SetupUtilsTest\\" + self.name
+        victim = "HKLM\\Software\\SetupUtilsVictim" + self.name
+        self.scratch_keys(native, victim)
+        self.prefix.reg("add", victim, "/v", "keep", "/d", "yes", "/f")
+        key = "Software\\SetupUtilsTest\\" + self.name
+        reg = "[INSTALLDIR]values.reg"
+        # A line break reaches a formatted value through the environment: a
+        # property given on msiexec's command line cannot carry one.
+        self.prefix.env["EVIL_TEXT"] = f"a\r\n\r\n[-{victim.replace('HKLM', 'HKEY_LOCAL_MACHINE')}]\r\n\"x\"=\"y"
+        self.addCleanup(self.prefix.env.pop, "EVIL_TEXT", None)
+        package = self.table_package("RegistryEx", [("Text", "2", key, "Text", "[%EVIL_TEXT]", "Main", "0", "", reg),
+                                                    ("Bin", "2", key, "Bin", "#x0a0b", "Main", "0", "", reg)])
+        self.run_expecting(0, package, "/i")
+        path = package.install_dir(self.prefix) / "values.reg"
+        self.assertIn('"Text"=hex(1):61,00,0d,00,0a,00,0d,00,0a,00,5b,00', path.read_bytes().decode("utf-16"))
+        self.prefix.wine("regedit", "/s", self.prefix.windows_path(path))
+        self.assertEqual(registry_values(self.prefix, victim)[victim], {"keep": '"yes"'})
+        values = registry_values(self.prefix, native)[native]
+        self.assertEqual(sorted(values), ["Bin", "Text"])  # no "x" from the injected line
+        self.assertEqual(values["Bin"], "hex:0a,0b")
+        self.assertTrue(values["Text"].startswith('"a\\r\\n\\r\\n[-HKEY'), values)  # one string, breaks inside
+        # A key holding a line break is refused before anything is written.
+        package = self.table_package("RegistryEx", [("Key", "2", key + "[%EVIL_TEXT]", "n", "v", "Main", "0", "", reg)])
+        log = self.run_expecting(1603, package, "/i", log="key.log")
+        self.assertTrue(any("The registry row 'Key' cannot be written: the key holds a line break or NUL (code 13)"
+                            in l for l in library_lines(log, "InstallRegFiles")), log[-3000:])
 
     def test_4_a_linked_xml_target_is_refused_on_the_opened_handle(self):
         os.symlink(self.outside, self.root / "web.config")

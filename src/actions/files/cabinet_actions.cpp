@@ -328,7 +328,10 @@ void Remove(const CabinetItem& item) {
 // then the folders the row created, when they are empty.
 void RollbackItem(const CabinetItem& item) {
     const std::optional<std::wstring> work = FindWorkFolder(item.work, PerUserItem(item));
-    if (!work || !IsRealFolder(*work)) return;  // the deferred step never began
+    if (!work) {
+        RemoveWorkFolder(item.work, PerUserItem(item));  // drops a record that is left
+        return;  // the deferred step never began, or its folder is no longer its own
+    }
     LogInfo(L"Rollback cabinet '%s' from '%s'.", item.id, *work);
     const std::vector<JournalEntry> entries = ReadJournal(*work);
     for (auto it = entries.rbegin(); it != entries.rend(); ++it) {

@@ -359,7 +359,7 @@ void RemoveFilesExRollback(Session& session) {
         const RemoveFileItem& item = *it;
         if (item.backup.empty()) continue;
         const std::optional<std::wstring> backup = FindWorkFolder(item.backup, false);
-        if (!backup || !IsRealFolder(*backup)) continue;  // the deferred step never made it
+        if (!backup) continue;  // the deferred step never made it, or it is no longer its own
         const RemovalTarget target = ItemTarget(item);
         LogInfo(L"Restore files of '%s' from '%s'.", item.id, *backup);
         RestoreTree(*backup, target.folder);
