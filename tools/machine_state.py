@@ -120,8 +120,10 @@ def file_state(path):
         return ("dir", st.st_mode & 0o777, xattrs)
     digest = hashlib.sha256(path.read_bytes()).hexdigest()
     # Windows keeps times in units of 100 ns; a file made on the host has
-    # nanoseconds, which no Windows program can read or put back.
-    return ("file", st.st_size, digest, st.st_mtime_ns // 100, st.st_mode & 0o777, xattrs)
+    # nanoseconds, which no Windows program can read or put back. The inode
+    # and link count say it is the same file, restored into, not replaced.
+    return ("file", st.st_size, digest, st.st_mtime_ns // 100, st.st_mode & 0o777, xattrs, st.st_ino,
+            st.st_nlink)
 
 
 class Manifests:

@@ -14,6 +14,7 @@ namespace setup {
 
 namespace {
 
+constexpr wchar_t kProductKey[] = L"Software\\Setup Utils";
 constexpr wchar_t kRecordKey[] = L"Software\\Setup Utils\\WorkFolders";
 constexpr int kNameTries = 5;  // a taken random name is rare; a few more tries, never a loop
 
@@ -118,8 +119,27 @@ void RemoveWorkFolder(std::wstring_view token, bool perUser) {
     }
     Made().erase(std::wstring(token));
     RegistryKey records;
-    if (::RegOpenKeyExW(RecordRoot(perUser), kRecordKey, 0, KEY_SET_VALUE, records.Put()) == ERROR_SUCCESS) {
-        ::RegDeleteValueW(records.Get(), std::wstring(token).c_str());
+    if (::RegOpenKeyExW(RecordRoot(perUser), kRecordKey, 0, KEY_SET_VALUE | KEY_QUERY_VALUE, records.Put()) !=
+        ERROR_SUCCESS) {
+        return;
+    }
+    ::RegDeleteValueW(records.Get(), std::wstring(token).c_str());
+    records.Reset();
+    // The machine as it was: the records key, and ours above it, go when they hold nothing.
+    for (const wchar_t* key : {kRecordKey, kProductKey}) {
+        RegistryKey handle;
+        if (::RegOpenKeyExW(RecordRoot(perUser), key, REG_OPTION_OPEN_LINK, KEY_QUERY_VALUE, handle.Put()) !=
+            ERROR_SUCCESS) {
+            return;
+        }
+        DWORD subkeys = 0, values = 0;
+        if (::RegQueryInfoKeyW(handle.Get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values, nullptr,
+                               nullptr, nullptr, nullptr) != ERROR_SUCCESS ||
+            subkeys != 0 || values != 0) {
+            return;
+        }
+        handle.Reset();
+        if (::RegDeleteKeyW(RecordRoot(perUser), key) != ERROR_SUCCESS) return;
     }
 }
 

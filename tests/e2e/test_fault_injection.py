@@ -27,6 +27,8 @@ AFTER_CABINET_REMOVAL = 3497  # UninstallCabs schedules at 3495
 AFTER_XML_FILES = 4035    # InstallXmlFiles schedules at 4030
 AFTER_XML_UNDO = 3494     # UninstallXmlFiles schedules at 3493
 AFTER_EVERYTHING = 6550    # after every family's deferred work, before InstallFinalize
+# Where the deferred actions record the work folders they make: empty again after a rollback.
+WORK_FOLDERS = "HKLM\\Software\\" + WOW + "Setup Utils\\WorkFolders"
 
 # Another program's entries: a replacing rename (the "!" form), a deletion and a plain rename.
 FOREIGN = ["\\??\\C:\\Foreign\\new.dll", "!\\??\\C:\\Foreign\\app.dll",
@@ -354,7 +356,8 @@ class RemoveFileFaults(FaultCase):
                 os.symlink(root / "outside", root / "data" / "link")
                 set_rename_value(self.prefix, utf16_hex(FOREIGN))
                 self.fails_unchanged(self.table_package("RemoveFileEx", rows, "FaultRemove" + case, fail_at=at),
-                                     MachineState(self.prefix, [root]), log=case + ".log",
+                                     MachineState(self.prefix, [root], registry_keys=[WORK_FOLDERS]),
+                                     log=case + ".log",
                                      line=f"Remove folder '{win}\\gone'.", action="RemoveFilesExFinalize")
 
 
@@ -379,7 +382,7 @@ class CabinetFaults(FaultCase):
         root = package.install_dir(self.prefix)
         for name, mode in (("a.txt", 0o644), ("ro.txt", 0o444), ("hidden.txt", 0o644), ("sub/other.txt", 0o644)):
             old_file(root / "data" / name, b"old " + name.encode(), mode)
-        return MachineState(self.prefix, [root], registry_keys=[self.RECORDS])
+        return MachineState(self.prefix, [root], registry_keys=[self.RECORDS, WORK_FOLDERS])
 
     def test_a_failed_install_brings_back_every_replaced_file(self):
         for case, at in self.fault_points(AFTER_CABINETS):

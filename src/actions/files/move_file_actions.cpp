@@ -126,6 +126,20 @@ void CarryOut(const MoveFileItem& item) {
     }
     if (!atRestart && !item.backup.empty() && exists) {
         LogInfo(L"Backing up file '%s' -> '%s'.", to, item.backup);
+        if (item.attributes & Move) {
+            // A move replaces the destination: the file itself goes aside (a
+            // rename in its folder), so rollback puts back the very file.
+            ThrowLastErrorIf(!::MoveFileExW(to.c_str(), item.backup.c_str(), 0), L"Failed to back up file '" + to + L"'.");
+            if (::MoveFileExW(from.c_str(), to.c_str(), 0)) {
+                LogInfo(L"Move file '%s' -> '%s'.", from, to);
+                return;
+            }
+            // Not now (another volume, say): the destination comes back, and
+            // the move takes its usual way, at the next restart.
+            ThrowLastErrorIf(!::MoveFileExW(item.backup.c_str(), to.c_str(), 0),
+                             L"Failed to restore file '" + to + L"'.");
+            return MoveFileWithFallback(from, to, true);
+        }
         CopyToNewFile(to, item.backup);
     }
     if (atRestart) LogInfo(L"Need to move files on reboot %s.", RowText(item));

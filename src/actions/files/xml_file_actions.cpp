@@ -326,7 +326,11 @@ void EditFile(const XmlFileItem& item, const std::wstring& product) {
     if (item.undo && AnyEdit(item, CreateFile) && document.RootIsEmpty()) {
         // The file was made for the edits, and nothing else is in it.
         LogInfo(L"Delete file '%s': the edits it was created for are taken back.", item.path);
-        RemoveFileWithFallback(item.path, false);
+        // The file itself goes aside under its backup's name (the copy made
+        // above goes first): rollback puts back the very file, commit deletes it.
+        RemoveBackupFile(item.backup);
+        ThrowLastErrorIf(!::MoveFileExW(item.path.c_str(), item.backup.c_str(), 0),
+                         L"Failed to remove file '" + item.path + L"'.");
         ForgetRecords(item, product);
         return;
     }
