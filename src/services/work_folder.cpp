@@ -8,14 +8,13 @@
 #include "runtime/unique_handle.h"
 #include "services/file_operations.h"
 #include "services/path.h"
+#include "services/record_store.h"
 #include "services/security_descriptor.h"
 
 namespace setup {
 
 namespace {
 
-constexpr wchar_t kProductKey[] = L"Software\\Setup Utils";
-constexpr wchar_t kRecordKey[] = L"Software\\Setup Utils\\WorkFolders";
 constexpr int kNameTries = 5;  // a taken random name is rare; a few more tries, never a loop
 
 // The folders this process made, by token: rows that share a token share the folder.
@@ -24,18 +23,7 @@ std::map<std::wstring, std::wstring>& Made() {
     return made;
 }
 
-HKEY RecordRoot(bool perUser) { return perUser ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHINE; }
-
-void WriteRecord(std::wstring_view token, const std::wstring& folder, bool perUser) {
-    RegistryKey key;
-    ThrowIfWin32Error(::RegCreateKeyExW(RecordRoot(perUser), kRecordKey, 0, nullptr, 0, KEY_SET_VALUE, nullptr,
-                                        key.Put(), nullptr),
-                      L"Failed to create registry key '" + std::wstring(kRecordKey) + L"'.");
-    const std::wstring name(token);
-    ThrowIfWin32Error(::RegSetValueExW(key.Get(), name.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(folder.c_str()),
-                                       static_cast<DWORD>((folder.size() + 1) * sizeof(wchar_t))),
-                      L"Failed to write registry value: Key '" + std::wstring(kRecordKey) + L"', Name '" + name + L"'.");
-}
+RecordStore Records(bool perUser) { return RecordStore(perUser, L"Software\\Setup Utils\\WorkFolders"); }
 
 }  // namespace
 
@@ -67,7 +55,7 @@ std::wstring CreateWorkFolder(std::wstring_view parent, std::wstring_view prefix
                 Throw(HResultFromWin32(ERROR_CANT_ACCESS_FILE),
                       L"Refused to use folder '" + folder + L"': it is a link (reparse point).");
             }
-            WriteRecord(token, folder, perUser);
+            Records(perUser).Write(token, folder);
             Made()[key] = folder;
             return folder;
         }
@@ -82,22 +70,8 @@ namespace {
 
 // The folder recorded for `token`, whatever is there now.
 std::optional<std::wstring> RecordedFolder(std::wstring_view token, bool perUser) {
-    const std::wstring key(token);
-    if (const auto made = Made().find(key); made != Made().end()) return made->second;
-    RegistryKey records;
-    if (::RegOpenKeyExW(RecordRoot(perUser), kRecordKey, 0, KEY_QUERY_VALUE, records.Put()) != ERROR_SUCCESS) {
-        return std::nullopt;
-    }
-    std::vector<wchar_t> buffer(32768 + 1, L'\0');
-    DWORD type = 0, bytes = static_cast<DWORD>((buffer.size() - 1) * sizeof(wchar_t));
-    if (::RegQueryValueExW(records.Get(), key.c_str(), nullptr, &type, reinterpret_cast<BYTE*>(buffer.data()),
-                           &bytes) != ERROR_SUCCESS ||
-        type != REG_SZ) {
-        return std::nullopt;
-    }
-    std::wstring folder(buffer.data(), bytes / sizeof(wchar_t));
-    while (!folder.empty() && folder.back() == L'\0') folder.pop_back();
-    return folder;
+    if (const auto made = Made().find(std::wstring(token)); made != Made().end()) return made->second;
+    return Records(perUser).Read(token);
 }
 
 }  // namespace
@@ -118,29 +92,7 @@ void RemoveWorkFolder(std::wstring_view token, bool perUser) {
         RemoveFolderTree(*folder);
     }
     Made().erase(std::wstring(token));
-    RegistryKey records;
-    if (::RegOpenKeyExW(RecordRoot(perUser), kRecordKey, 0, KEY_SET_VALUE | KEY_QUERY_VALUE, records.Put()) !=
-        ERROR_SUCCESS) {
-        return;
-    }
-    ::RegDeleteValueW(records.Get(), std::wstring(token).c_str());
-    records.Reset();
-    // The machine as it was: the records key, and ours above it, go when they hold nothing.
-    for (const wchar_t* key : {kRecordKey, kProductKey}) {
-        RegistryKey handle;
-        if (::RegOpenKeyExW(RecordRoot(perUser), key, REG_OPTION_OPEN_LINK, KEY_QUERY_VALUE, handle.Put()) !=
-            ERROR_SUCCESS) {
-            return;
-        }
-        DWORD subkeys = 0, values = 0;
-        if (::RegQueryInfoKeyW(handle.Get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values, nullptr,
-                               nullptr, nullptr, nullptr) != ERROR_SUCCESS ||
-            subkeys != 0 || values != 0) {
-            return;
-        }
-        handle.Reset();
-        if (::RegDeleteKeyW(RecordRoot(perUser), key) != ERROR_SUCCESS) return;
-    }
+    Records(perUser).Remove(token);
 }
 
 }  // namespace setup

@@ -9,7 +9,6 @@
 
 #include "actions/files/cabinet_extract.h"
 #include "actions/files/cabinet_plan.h"
-#include "actions/registry/registry_access.h"
 #include "runtime/exception.h"
 #include "runtime/program_log.h"
 #include "runtime/throw.h"
@@ -17,6 +16,7 @@
 #include "services/file_operations.h"
 #include "services/file_write.h"
 #include "services/path.h"
+#include "services/record_store.h"
 #include "services/work_folder.h"
 
 namespace setup {
@@ -28,7 +28,6 @@ using namespace cabinet;
 constexpr wchar_t kTable[] = L"CabPackage";
 constexpr wchar_t kQuery[] =
     L"SELECT `CabPackage`, `Cabinet`, `Target`, `Attributes`, `Component_`, `Condition` FROM `CabPackage`";
-constexpr int kHkcu = 1, kHklm = 2;
 
 
 std::optional<std::vector<CabinetRow>> ReadRows(const Session& session) {
@@ -60,27 +59,27 @@ std::optional<std::vector<CabinetRow>> ReadRows(const Session& session) {
 
 // --- The record of what a row placed ---
 
-int RecordRoot(const CabinetItem& item) { return (item.attributes & PerUser) ? kHkcu : kHklm; }
+RecordStore Records(const CabinetItem& item) {
+    return RecordStore::ForProduct(L"CabPackage", item.product, (item.attributes & PerUser) != 0);
+}
 
 std::optional<CabinetRecord> ReadRecord(const CabinetItem& item) {
-    const std::optional<std::wstring> text =
-        ReadTextValue(RecordRoot(item), CabinetRecordKey(item.product), item.id, kViewDefault);
+    const std::optional<std::wstring> text = Records(item).Read(item.id);
     if (!text) return std::nullopt;
     return DecodeCabinetRecord(*text);
 }
 
 // Writes the record's text, or deletes it (and the keys it leaves empty) when `text` is empty.
 void WriteRecord(const CabinetItem& item, const std::wstring& text) {
-    const std::wstring key = CabinetRecordKey(item.product);
+    const RecordStore records = Records(item);
     if (text.empty()) {
-        DeleteValue(RecordRoot(item), key, item.id, kViewDefault);
-        RemoveEmptyKeys(RecordRoot(item), key, kViewDefault, 1);
+        records.Remove(item.id);
         return;
     }
     const CabinetRecord record = DecodeCabinetRecord(text);
     LogInfo(L"Record the %u files and %u folders of cabinet '%s' under '%s'.", record.files.size(),
-            record.folders.size(), item.id, key);
-    WriteTextValue(RecordRoot(item), key, item.id, text, kViewDefault);
+            record.folders.size(), item.id, records.Key());
+    records.Write(item.id, text);
 }
 
 // What the records of other products hold in the same hive: after a major
@@ -93,19 +92,12 @@ struct OtherRecords {
 
 OtherRecords ReadOtherRecords(const CabinetItem& item) {
     OtherRecords others;
-    const std::wstring products = DirectoryOf(CabinetRecordKey(item.product));
-    try {
-        for (const std::wstring& product : GetSubkeys(RecordRoot(item), products, kViewDefault)) {
-            if (PathKey(product) == PathKey(item.product)) continue;
-            for (const RegistryValue& value : GetValues(RecordRoot(item), JoinPath(products, product), kViewDefault)) {
-                if (value.type != kRegSz) continue;
-                const CabinetRecord record = DecodeCabinetRecord(RenderValue(value));
-                for (const std::wstring& file : record.files) others.files.insert(PathKey(file));
-                others.folders.insert(others.folders.end(), record.folders.begin(), record.folders.end());
-            }
+    for (const RecordStore& product : Records(item).Siblings()) {
+        for (const auto& [id, text] : product.ReadAll()) {
+            const CabinetRecord record = DecodeCabinetRecord(text);
+            for (const std::wstring& file : record.files) others.files.insert(PathKey(file));
+            others.folders.insert(others.folders.end(), record.folders.begin(), record.folders.end());
         }
-    } catch (const Exception& e) {
-        LogInfo(L"%s Error 0x%x.", e.Message(), e.Code());
     }
     return others;
 }

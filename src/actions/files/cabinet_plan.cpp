@@ -96,10 +96,6 @@ std::wstring CabinetTargetProblem(const std::wstring& target) {
     return {};
 }
 
-std::wstring CabinetRecordKey(std::wstring_view product) {
-    return L"Software\\Setup Utils\\CabPackage\\" + std::wstring(product);
-}
-
 Decision DecideCabinet(ComponentStates& states, const CabinetRow& row, LogSink& log) {
     const DecisionRule rule{.acceptInstall = true,
                             .acceptUninstall = (row.attributes & KeepOnUninstall) == 0,

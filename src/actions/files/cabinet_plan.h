@@ -76,10 +76,6 @@ std::wstring CabinetNameProblem(std::wstring_view name);
 // absolute or malformed, or the root of a drive or share.
 std::wstring CabinetTargetProblem(const std::wstring& target);
 
-// Where the record of a row is kept: under HKEY_LOCAL_MACHINE, or
-// HKEY_CURRENT_USER for a per-user row, this key, the row's id as value name.
-std::wstring CabinetRecordKey(std::wstring_view product);
-
 class CabinetMachine {
 public:
     virtual ~CabinetMachine() = default;

@@ -6,9 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "actions/files/xml_document.h"
 #include "actions/files/xml_file_plan.h"
-#include "actions/registry/registry_access.h"
 #include "runtime/exception.h"
 #include "runtime/program_log.h"
 #include "runtime/throw.h"
@@ -17,6 +15,8 @@
 #include "services/file_restore.h"
 #include "services/file_write.h"
 #include "services/path.h"
+#include "services/record_store.h"
+#include "services/xml_document.h"
 
 namespace setup {
 
@@ -28,7 +28,6 @@ constexpr wchar_t kTable[] = L"XmlFile";
 constexpr wchar_t kQuery[] =
     L"SELECT `XmlFile`, `File`, `XPath`, `Action`, `Name`, `Value`, `Namespaces`, `Sequence`, `Attributes`, "
     L"`Component_`, `Condition` FROM `XmlFile`";
-constexpr int kHklm = 2;
 constexpr DWORD kLargestFile = 8 * 1024 * 1024;  // configuration files, not data
 
 std::optional<std::vector<XmlFileRow>> ReadRows(const Session& session) {
@@ -83,20 +82,21 @@ public:
 
 // --- Records of what the edits replaced ---
 
+RecordStore Records(const std::wstring& product) { return RecordStore::ForProduct(L"XmlFile", product); }
+
 std::optional<std::wstring> ReadRecord(const std::wstring& product, const std::wstring& id) {
-    return ReadTextValue(kHklm, XmlRecordKey(product), id, kViewDefault);
+    return Records(product).Read(id);
 }
 
 // Writes the record, or deletes it (and the keys left empty) when there is no text.
 void WriteRecord(const std::wstring& product, const std::wstring& id, const std::optional<std::wstring>& text) {
-    const std::wstring key = XmlRecordKey(product);
+    const RecordStore records = Records(product);
     if (!text) {
-        DeleteValue(kHklm, key, id, kViewDefault);
-        RemoveEmptyKeys(kHklm, key, kViewDefault, 1);
+        records.Remove(id);
         return;
     }
-    LogInfo(L"Record what xml edit '%s' replaced under '%s'.", id, key);
-    WriteTextValue(kHklm, key, id, *text, kViewDefault);
+    LogInfo(L"Record what xml edit '%s' replaced under '%s'.", id, records.Key());
+    records.Write(id, *text);
 }
 
 // --- File bytes ---

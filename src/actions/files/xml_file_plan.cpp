@@ -263,27 +263,6 @@ std::optional<std::wstring> SealXPathLiterals(std::wstring_view formatted, std::
     return out;
 }
 
-std::optional<std::wstring> SelectionNamespaces(std::wstring_view namespaces) {
-    std::wstring result;
-    std::size_t i = 0;
-    while (i < namespaces.size()) {
-        while (i < namespaces.size() && IsBlank(namespaces[i])) ++i;
-        if (i == namespaces.size()) break;
-        std::size_t end = i;
-        while (end < namespaces.size() && !IsBlank(namespaces[end])) ++end;
-        const std::wstring_view pair = namespaces.substr(i, end - i);
-        const std::size_t equals = pair.find(L'=');
-        if (equals == 0 || equals == std::wstring_view::npos || equals + 1 == pair.size() ||
-            pair.find_first_of(L"'\"") != std::wstring_view::npos) {
-            return std::nullopt;
-        }
-        if (!result.empty()) result += L' ';
-        result += L"xmlns:" + std::wstring(pair.substr(0, equals)) + L"='" + std::wstring(pair.substr(equals + 1)) + L"'";
-        i = end;
-    }
-    return result;
-}
-
 std::wstring RootElementOf(std::wstring_view xpath) {
     if (xpath.size() < 2 || xpath[0] != L'/' || xpath[1] == L'/') return {};
     const std::size_t end = xpath.find_first_of(L"/[", 1);
@@ -436,10 +415,6 @@ std::vector<XmlUndoStep> DecodeXmlUndo(std::wstring_view text) {
         steps.push_back(std::move(step));
     }
     return steps;
-}
-
-std::wstring XmlRecordKey(std::wstring_view product) {
-    return L"Software\\Setup Utils\\XmlFile\\" + std::wstring(product);
 }
 
 std::wstring EncodeXmlFileActionData(const XmlFileActionData& data) {

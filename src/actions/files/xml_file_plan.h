@@ -12,6 +12,7 @@
 
 #include "runtime/component_decision.h"
 #include "runtime/log_sink.h"
+#include "services/xml_namespaces.h"
 
 namespace setup {
 
@@ -117,9 +118,6 @@ std::wstring XPathLiteral(std::wstring_view value);
 // marks do not pair up into exactly `spans` spans (a value that held a mark).
 std::optional<std::wstring> SealXPathLiterals(std::wstring_view formatted, std::size_t spans);
 
-// "a=urn:x b=urn:y" as MSXML's SelectionNamespaces: "xmlns:a='urn:x' xmlns:b='urn:y'".
-// Nothing when a pair is not prefix=uri (or the uri holds a quote).
-std::optional<std::wstring> SelectionNamespaces(std::wstring_view namespaces);
 
 // The element name an XPath begins with ("/a:config/x" -> "a:config"), for a
 // file created with its root element; empty when it begins otherwise.
@@ -172,10 +170,6 @@ struct XmlUndoStep {
 
 std::wstring EncodeXmlUndo(const std::vector<XmlUndoStep>& steps);
 std::vector<XmlUndoStep> DecodeXmlUndo(std::wstring_view text);
-
-// Where a product's undo records are kept: this key under HKEY_LOCAL_MACHINE,
-// the row's id as value name.
-std::wstring XmlRecordKey(std::wstring_view product);
 
 // The data of the scheduled actions: the files, the product, and for
 // rollback the records as they stood (id, text; no text: none).

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <vector>
 
-#include "actions/registry/registry_ex_plan.h"
 
 #include "runtime/format.h"
 #include "runtime/program_log.h"

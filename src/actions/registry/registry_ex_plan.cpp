@@ -302,10 +302,6 @@ RegistryExRow UninstallWork(const RegistryExRow& row) {
     return work;
 }
 
-int KeyDepth(std::wstring_view key) {
-    return key.empty() ? 0 : static_cast<int>(std::count(key.begin(), key.end(), L'\\')) + 1;
-}
-
 std::vector<RegistryExRow> CaptureRollback(const RegistryExRow& work, RegistryReader& registry, LogSink& log) {
     const std::uint32_t view = RowView(work);
     const bool removal = (work.attributes & kRegExDeleteOnInstall) != 0;

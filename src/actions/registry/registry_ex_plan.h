@@ -110,9 +110,6 @@ public:
 // from the registry's present state; logs the "is not exist" lines.
 std::vector<RegistryExRow> CaptureRollback(const RegistryExRow& work, RegistryReader& registry, LogSink& log);
 
-// Number of components of a key path.
-int KeyDepth(std::wstring_view key);
-
 // Action data of the four direct actions: the rows under "rows".
 std::wstring EncodeRegistryRows(const std::vector<RegistryExRow>& rows);
 std::vector<RegistryExRow> DecodeRegistryRows(std::wstring_view text);

@@ -1,5 +1,7 @@
 #include "actions/registry/registry_value.h"
 
+#include <algorithm>
+
 #include <cwctype>
 #include <utility>
 
@@ -46,6 +48,10 @@ std::uint64_t LittleEndian(const std::vector<unsigned char>& data, std::size_t b
 }
 
 }  // namespace
+
+int KeyDepth(std::wstring_view key) {
+    return key.empty() ? 0 : static_cast<int>(std::count(key.begin(), key.end(), L'\\')) + 1;
+}
 
 int NormalizeRoot(int root) { return root >= 0 && root <= 3 ? root : 2; }
 std::wstring RootLongName(int root) { return kLongNames[NormalizeRoot(root)]; }

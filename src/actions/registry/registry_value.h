@@ -29,6 +29,8 @@ struct RegistryValue {
 // 1 HKEY_CURRENT_USER, 2 HKEY_LOCAL_MACHINE, 3 HKEY_USERS; any other number
 // is HKEY_LOCAL_MACHINE.
 int NormalizeRoot(int root);
+// Number of components of a key path.
+int KeyDepth(std::wstring_view key);
 std::wstring RootLongName(int root);   // "HKEY_LOCAL_MACHINE"
 std::wstring RootShortName(int root);  // "MACHINE"
 // The first of CLASSES_ROOT, CURRENT_USER, MACHINE, USERS that `name` begins

@@ -1,4 +1,4 @@
-#include "actions/files/xml_document.h"
+#include "services/xml_document.h"
 
 #include <objbase.h>
 #include <oleauto.h>
@@ -6,9 +6,10 @@
 
 #include <utility>
 
-#include "actions/files/xml_file_plan.h"
 #include "runtime/exception.h"
 #include "runtime/hresult.h"
+#include "runtime/unique_handle.h"
+#include "services/xml_namespaces.h"
 
 namespace setup {
 
@@ -18,33 +19,25 @@ namespace {
 constexpr IID kIidDocument2 = {0x2933BF95, 0x7B36, 0x11d2, {0xB2, 0x0E, 0x00, 0xC0, 0x4F, 0x98, 0x3E, 0x60}};
 constexpr IID kIidElement = {0x2933BF86, 0x7B36, 0x11d2, {0xB2, 0x0E, 0x00, 0xC0, 0x4F, 0x98, 0x3E, 0x60}};
 
-// Sole owner of one COM interface pointer.
+// Sole owner of one COM interface pointer: the library's handle owner, with
+// Release as its close. Move-only, as every handle of ours.
 template <class T>
-class ComPtr {
-public:
-    ComPtr() = default;
-    explicit ComPtr(T* p) : p_(p) {}
-    ComPtr(const ComPtr& other) : p_(other.p_) {
-        if (p_) p_->AddRef();
-    }
-    ComPtr& operator=(const ComPtr& other) {
-        ComPtr copy(other);
-        std::swap(p_, copy.p_);
-        return *this;
-    }
-    ~ComPtr() {
-        if (p_) p_->Release();
-    }
-    T* Get() const { return p_; }
-    T* operator->() const { return p_; }
-    T** Put() {
-        *this = ComPtr();
-        return &p_;
-    }
-    explicit operator bool() const { return p_ != nullptr; }
+struct ComTraits {
+    using Type = T*;
+    static Type Invalid() { return nullptr; }
+    static void Close(Type p) { p->Release(); }
+};
 
-private:
-    T* p_ = nullptr;
+template <class T>
+class ComPtr : public UniqueHandle<ComTraits<T>> {
+public:
+    using UniqueHandle<ComTraits<T>>::UniqueHandle;
+    T* operator->() const { return this->Get(); }
+    // A second owner of the same object (AddRef): for nodes kept beside the list they came from.
+    ComPtr Share() const {
+        if (this->Get()) this->Get()->AddRef();
+        return ComPtr(this->Get());
+    }
 };
 
 // Sole owner of one BSTR.
@@ -242,7 +235,7 @@ std::vector<ComPtr<IXMLDOMNode>> ParseFragment(const std::wstring& xml, const st
         ComPtr<IXMLDOMNode> child, copy;
         children->get_item(i, child.Put());
         Check(child->cloneNode(VARIANT_TRUE, copy.Put()), L"Failed to copy a node of the fragment.");
-        nodes.push_back(copy);
+        nodes.push_back(std::move(copy));
     }
     return nodes;
 }
@@ -278,7 +271,7 @@ bool XmlDocument::RootIsEmpty() const {
         if (!IsBlankText(child.Get())) return false;
         ComPtr<IXMLDOMNode> next;
         if (child->get_nextSibling(next.Put()) != S_OK) break;
-        child = next;
+        child = std::move(next);
     }
     ComPtr<IXMLDOMNamedNodeMap> attributes;
     long count = 0;
@@ -307,7 +300,7 @@ std::vector<XmlDocument::NodePtr> XmlDocument::Select(const std::wstring& xpath,
     std::vector<NodePtr> nodes;
     for (long i = 0; i < count; ++i) {
         ComPtr<IXMLDOMNode> node;
-        if (SUCCEEDED(list->get_item(i, node.Put())) && node) nodes.push_back(std::make_shared<Node>(node));
+        if (SUCCEEDED(list->get_item(i, node.Put())) && node) nodes.push_back(std::make_shared<Node>(std::move(node)));
     }
     return nodes;
 }
@@ -319,14 +312,14 @@ XmlDocument::NodePtr XmlDocument::AtPosition(const std::wstring& path) {
     if (path.empty() || state_->document->selectSingleNode(Bstr(path).Get(), node.Put()) != S_OK || !node) {
         return nullptr;
     }
-    return std::make_shared<Node>(node);
+    return std::make_shared<Node>(std::move(node));
 }
 
 std::wstring XmlDocument::PositionOf(const NodePtr& node) {
     // Elements are counted among elements, text among text: neighbouring
     // white space, which merges when the file is read again, counts for neither.
     std::wstring path;
-    ComPtr<IXMLDOMNode> current = node->node;
+    ComPtr<IXMLDOMNode> current = node->node.Share();
     for (;;) {
         ComPtr<IXMLDOMNode> parent = ParentOf(current.Get());
         if (!parent) break;
@@ -335,7 +328,7 @@ std::wstring XmlDocument::PositionOf(const NodePtr& node) {
         const int index = CountBefore(current.Get(), type == NODE_ELEMENT || type == NODE_TEXT || type == NODE_COMMENT ? type : NODE_INVALID);
         path = L"/" + std::wstring(test) + L"[" + std::to_wstring(index + 1) + L"]" + path;
         if (TypeOf(parent.Get()) == NODE_DOCUMENT) break;
-        current = parent;
+        current = std::move(parent);
     }
     return path;
 }
@@ -407,7 +400,7 @@ XmlDocument::NodePtr XmlDocument::AppendElement(const NodePtr& parent, const std
           L"Failed to create the element '" + name + L"'.");
     if (!text.empty()) Check(created->put_text(Bstr(text).Get()), L"Failed to set the text of '" + name + L"'.");
     Check(parent->node->appendChild(created.Get(), appended.Put()), L"Failed to add the element '" + name + L"'.");
-    return std::make_shared<Node>(appended);
+    return std::make_shared<Node>(std::move(appended));
 }
 
 std::vector<XmlDocument::NodePtr> XmlDocument::AppendFragment(const NodePtr& parent, const std::wstring& xml,
@@ -416,7 +409,7 @@ std::vector<XmlDocument::NodePtr> XmlDocument::AppendFragment(const NodePtr& par
     for (const ComPtr<IXMLDOMNode>& node : ParseFragment(xml, Declarations(parent->node.Get(), namespaces))) {
         ComPtr<IXMLDOMNode> appended;
         Check(parent->node->appendChild(node.Get(), appended.Put()), L"Failed to add the fragment.");
-        added.push_back(std::make_shared<Node>(appended));
+        added.push_back(std::make_shared<Node>(std::move(appended)));
     }
     return added;
 }
@@ -429,7 +422,7 @@ void XmlDocument::InsertFragment(const NodePtr& parent, int afterElements, const
         if (TypeOf(before.Get()) == NODE_ELEMENT) ++seen;
         ComPtr<IXMLDOMNode> next;
         if (before->get_nextSibling(next.Put()) != S_OK) next = ComPtr<IXMLDOMNode>();
-        before = next;
+        before = std::move(next);
     }
     // Last node first, each before the one inserted after it: Wine merges a
     // text node inserted before another text node into it, which would put
@@ -440,7 +433,7 @@ void XmlDocument::InsertFragment(const NodePtr& parent, int afterElements, const
         if (!before) reference.Get().vt = VT_EMPTY;
         ComPtr<IXMLDOMNode> inserted;
         Check(parent->node->insertBefore(it->Get(), reference.Get(), inserted.Put()), L"Failed to insert a node.");
-        before = inserted;
+        before = std::move(inserted);
     }
 }
 
@@ -467,7 +460,7 @@ std::pair<std::wstring, int> XmlDocument::Remove(const NodePtr& node, bool withI
 
 XmlDocument::NodePtr XmlDocument::Parent(const NodePtr& node) {
     ComPtr<IXMLDOMNode> parent = ParentOf(node->node.Get());
-    return parent ? std::make_shared<Node>(parent) : nullptr;
+    return parent ? std::make_shared<Node>(std::move(parent)) : nullptr;
 }
 
 }  // namespace setup
