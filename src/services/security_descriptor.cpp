@@ -43,6 +43,17 @@ ServiceHandle OpenServiceFor(const std::wstring& name, DWORD access) {
     return ServiceHandle(::OpenServiceW(manager.Get(), name.c_str(), access));
 }
 
+// Self-relative descriptor bytes, whole: the header fits, the parts it points
+// to lie within the bytes (IsValidSecurityDescriptor alone reads past a short buffer).
+bool IsDescriptor(const std::vector<unsigned char>& bytes) {
+    if (bytes.size() < sizeof(SECURITY_DESCRIPTOR_RELATIVE)) return false;
+    auto* sd = const_cast<unsigned char*>(bytes.data());
+    SECURITY_DESCRIPTOR_CONTROL control = 0;
+    DWORD revision = 0;
+    return ::GetSecurityDescriptorControl(sd, &control, &revision) && (control & SE_SELF_RELATIVE) &&
+           ::IsValidSecurityDescriptor(sd) && ::GetSecurityDescriptorLength(sd) <= bytes.size();
+}
+
 // The parts a descriptor holds, as the SECURITY_INFORMATION that writes them.
 SECURITY_INFORMATION PartsOf(PSECURITY_DESCRIPTOR sd) {
     SECURITY_INFORMATION parts = 0;
@@ -142,9 +153,7 @@ std::vector<unsigned char> ReadSecurityDescriptor(const SecuredObject& object, b
 
 void WriteSecurityDescriptor(const SecuredObject& object, const std::vector<unsigned char>& descriptor) {
     const std::wstring failure = L"Failed to write the security descriptor of '" + object.name + L"'.";
-    if (descriptor.empty() || !::IsValidSecurityDescriptor(const_cast<unsigned char*>(descriptor.data()))) {
-        Throw(kInvalidArgument, failure);
-    }
+    if (!IsDescriptor(descriptor)) Throw(kInvalidArgument, failure);
     auto* sd = const_cast<unsigned char*>(descriptor.data());
     const SECURITY_INFORMATION parts = PartsOf(sd);
     PrivilegeScope restore(L"SeRestorePrivilege");
@@ -172,10 +181,8 @@ void WriteSecurityDescriptor(const SecuredObject& object, const std::vector<unsi
 }
 
 std::wstring DescriptorToSddl(const std::vector<unsigned char>& descriptor) {
+    if (!IsDescriptor(descriptor)) Throw(kInvalidArgument, L"The bytes are no security descriptor.");
     auto* sd = const_cast<unsigned char*>(descriptor.data());
-    if (descriptor.empty() || !::IsValidSecurityDescriptor(sd)) {
-        Throw(kInvalidArgument, L"The bytes are no security descriptor.");
-    }
     LocalMemory text;
     ThrowLastErrorIf(!::ConvertSecurityDescriptorToStringSecurityDescriptorW(
                          sd, SDDL_REVISION_1, PartsOf(sd) & (kOwnerGroupDacl | SACL_SECURITY_INFORMATION),
