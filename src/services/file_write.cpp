@@ -130,8 +130,11 @@ void CopyToNewFile(std::wstring_view source, std::wstring_view destination) {
     const std::wstring failure = L"Failed to copy file '" + from + L"' -> '" + to + L"'.";
     LogInfo(L"Copy file '%s' -> '%s'.", from, to);
     CheckNotLink(from);
-    FileHandle in(::CreateFileW(from.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+    // Full sharing: a file that another program holds open (LOCKFILESONUPDATE
+    // is for exactly those) can still be read for its backup.
+    FileHandle in(::CreateFileW(from.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_SEQUENTIAL_SCAN,
+                                nullptr));
     ThrowLastErrorIf(!in, failure);
     if (HandleIsReparsePoint(in.Get())) RefuseLink(from);
     BY_HANDLE_FILE_INFORMATION info;

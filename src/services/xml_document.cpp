@@ -437,6 +437,24 @@ void XmlDocument::InsertFragment(const NodePtr& parent, int afterElements, const
     }
 }
 
+std::wstring XmlDocument::XmlOf(const NodePtr& node) {
+    Bstr xml;
+    node->node->get_xml(xml.Put());
+    return xml.Text();
+}
+
+bool XmlDocument::HasEarlierTwin(const NodePtr& node) {
+    if (TypeOf(node->node.Get()) != NODE_ELEMENT) return false;
+    Bstr mine;
+    if (FAILED(node->node->get_xml(mine.Put()))) return false;
+    for (ComPtr<IXMLDOMNode> current = PreviousOf(node->node.Get()); current; current = PreviousOf(current.Get())) {
+        if (TypeOf(current.Get()) != NODE_ELEMENT) continue;
+        Bstr other;
+        if (SUCCEEDED(current->get_xml(other.Put())) && other.Text() == mine.Text()) return true;
+    }
+    return false;
+}
+
 std::pair<std::wstring, int> XmlDocument::Remove(const NodePtr& node, bool withIndent) {
     ComPtr<IXMLDOMNode> parent = ParentOf(node->node.Get());
     if (!parent) throw Exception(kInvalidArgument, L"The document itself cannot be removed.");

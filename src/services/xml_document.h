@@ -37,6 +37,7 @@ public:
 
     static std::wstring PositionOf(const NodePtr& node);
     static std::wstring NameOf(const NodePtr& node);
+    static std::wstring XmlOf(const NodePtr& node);
     static std::optional<std::wstring> Attribute(const NodePtr& element, const std::wstring& name);
     static void SetAttribute(const NodePtr& element, const std::wstring& name, const std::wstring& value);
     static void RemoveAttribute(const NodePtr& element, const std::wstring& name);
@@ -57,6 +58,9 @@ public:
     // returns that XML and the number of element siblings before the node.
     static std::pair<std::wstring, int> Remove(const NodePtr& node, bool withIndent);
     static NodePtr Parent(const NodePtr& node);
+    // True when an earlier sibling of the node is an element with the same
+    // XML (name, attributes, content): what a repeat of an edit would make.
+    static bool HasEarlierTwin(const NodePtr& node);
 
 private:
     struct State;

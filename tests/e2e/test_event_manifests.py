@@ -92,8 +92,8 @@ class EventManifests(InstallerCase):
         self.assertEqual(self.calls(), [])
 
     def test_empty_file_or_component_fails_the_install(self):
-        for rows, text in (([("M1", "Manifests", "")], "The file is empty in EventManifest table, row 'M1'."),
-                           ([("M1", "", "[#ev1]")], "The component is empty in EventManifest table, row 'M1'.")):
+        for rows, text in (([("M1", "Manifests", "")], "The file is empty in EventManifest table."),
+                           ([("M1", "", "[#ev1]")], "The component is empty in EventManifest table.")):
             with self.subTest(text=text):
                 package = self.make(rows)
                 package.name += "Empty" + ("File" if "file" in text else "Component")

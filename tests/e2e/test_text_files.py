@@ -1,6 +1,7 @@
 import re
 import unittest
 
+from machine_state import HeldFile
 from msipackage import InstallerCase, library_lines
 
 ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
@@ -86,9 +87,12 @@ class TextFiles(InstallerCase):
         target = package.install_dir(self.prefix)
         target.mkdir(parents=True)
         (target / "locked.ini").write_bytes(utf16("original"))
-        self.run_expecting(0, package, "/i")
-        self.assertEqual((target / "locked.ini").read_bytes(), utf16("original"))
         win_target = "C:\\Program Files\\" + package.directory + "\\locked.ini"
+        # The file is in use, as the property is meant for: another program
+        # holds it open, letting others read it only. Its backup reads it.
+        with HeldFile(self.prefix, win_target, "read"):
+            self.run_expecting(0, package, "/i")
+        self.assertEqual((target / "locked.ini").read_bytes(), utf16("original"))
         renames = self.prefix.pending_renames()
         staged = [src for src, dst in renames if dst == "\\??\\" + win_target]
         self.assertEqual(len(staged), 1, renames)

@@ -99,10 +99,11 @@ class XmlFiles(InstallerCase):
         (self.root / "db.config").write_text('<db password="old-one" user="u"/>')
         rows = [("Password", f"{self.win}\\db.config", "/db", SET, "password", "[DB_PASSWORD]", "", 1, SECRET),
                 ("Optional", f"{self.win}\\none.config", "/x", SET, "a", "b", "", 1, SKIP_MISSING),
-                ("NoMatch", f"{self.win}\\db.config", "/db/nothing", SET, "a", "b", "", 2, SKIP_MISSING)]
+                ("NoMatch", f"{self.win}\\db.config", "/db/nothing", SET, "a", "b", "", 2, SKIP_MISSING),
+                ("User", f"{self.win}\\db.config", "/db", SET, "user", "v", "", 3, 0)]
         package = self.package(rows, DB_PASSWORD="S3cr3t-Value!", MsiHiddenProperties="DB_PASSWORD")
         log = self.run_expecting(0, package, "/i", log="install.log")
-        self.assertEqual((self.root / "db.config").read_text(), '<db password="S3cr3t-Value!" user="u"/>')
+        self.assertEqual((self.root / "db.config").read_text(), '<db password="S3cr3t-Value!" user="v"/>')
         # Nowhere but in the property list Wine's msiexec prints at the end:
         # it ignores MsiHiddenProperties, where Windows leaves out the author's
         # property and the data of the actions, which the library adds.
@@ -117,11 +118,13 @@ class XmlFiles(InstallerCase):
         self.assertIn(f"Skip the xml file '{self.win}\\none.config': it does not exist.", deferred)
         self.assertIn(f"Skip xml edit 'NoMatch': '/db/nothing' matches nothing in '{self.win}\\db.config' (0x8).",
                       deferred)
-        # A file that is gone by uninstall is a skip, never a failed uninstall.
+        # A file that is gone by uninstall is a skip, never a failed uninstall;
+        # one whose edits recorded nothing is not even looked at.
         (self.root / "db.config").unlink()
         log = self.run_expecting(0, package, "/x", log="uninstall.log")
-        self.assertIn(f"Skip the xml file '{self.win}\\db.config': it does not exist.",
-                      library_lines(log, "InstallXmlFilesDeferred"))
+        deferred = library_lines(log, "InstallXmlFilesDeferred")
+        self.assertIn(f"Skip the xml file '{self.win}\\db.config': it does not exist.", deferred)
+        self.assertIn(f"Nothing to take back in '{self.win}\\none.config': no edit of it was recorded.", deferred)
 
     def test_bad_input_fails_clearly_and_changes_nothing(self):
         good = '<?xml version="1.0"?>\n<a><b/></a>\n'

@@ -28,25 +28,12 @@ constexpr wchar_t kTable[] = L"MoveFileEx";
 constexpr wchar_t kQuery[] =
     L"SELECT `MoveFileEx`, `Component_`, `Source`, `Destination`, `Attributes`, `Condition` FROM `MoveFileEx`";
 
-constexpr wchar_t kChoicesQuery[] = L"SELECT DISTINCT `Component_`, `Attributes` FROM `MoveFileEx`";
-
 // The table's rows with their paths formatted, or nothing when the package has
-// no such table or when no row can be chosen for what this installation does
-// to its components (each row costs the installer a dozen round trips; each
-// distinct component and bit set, one or two).
-std::optional<std::vector<MoveFileRow>> ReadRows(const Session& session, ComponentStates& states) {
-    const Database database = session.ActiveDatabase();
-    bool any = false;
-    const bool exists = database.ForEachRowOfTable(kTable, kChoicesQuery, [&](const Record& record) {
-        if (!any) any = MayBeChosen(states.State(record.GetString(1)), record.GetIntegerOr(2, 0));
-    });
-    if (!exists) return std::nullopt;
-    if (!any) {
-        LogInfo(L"No MoveFileEx row is selected by what this installation does to its components.");
-        return std::nullopt;
-    }
+// no such table. Every row is read and logged: the per-row lines are the
+// table's contract.
+std::optional<std::vector<MoveFileRow>> ReadRows(const Session& session) {
     std::vector<MoveFileRow> rows;
-    database.ForEachRow(kQuery, [&](const Record& record) {
+    const bool exists = session.ActiveDatabase().ForEachRowOfTable(kTable, kQuery, [&](const Record& record) {
         MoveFileRow row;
         row.id = record.GetString(1);
         if (row.id.empty()) Throw(kFail, L"The id is empty in MoveFileEx table.");
@@ -58,15 +45,15 @@ std::optional<std::vector<MoveFileRow>> ReadRows(const Session& session, Compone
         row.condition = record.GetString(6);
         rows.push_back(std::move(row));
     });
+    if (!exists) return std::nullopt;
     // All paths formatted together: a few installer calls instead of two a row.
     FormatRowTexts(session, rows, {&MoveFileRow::source, &MoveFileRow::destination});
     for (MoveFileRow& row : rows) {
-        row.source = ResolvePath(row.source);
-        row.destination = ResolvePath(row.destination);
-    }
-    for (const MoveFileRow& row : rows) {
+        // The row as the table gives it; every later step sees the path as Windows resolves it.
         LogInfo(L"Configured move file %s, %s, %s, %s, %s, %d.", row.id, row.component, row.source, row.destination,
                 row.condition, row.attributes);
+        row.source = ResolvePath(row.source);
+        row.destination = ResolvePath(row.destination);
     }
     return rows;
 }
@@ -236,7 +223,7 @@ void Schedule(const Session& session, const wchar_t* action, const MoveFileActio
 void MoveFilesEx(Session& session) {
     Wow64FsRedirectionGuard redirection;
     SessionComponentStates states(session);
-    const std::optional<std::vector<MoveFileRow>> rows = ReadRows(session, states);
+    const std::optional<std::vector<MoveFileRow>> rows = ReadRows(session);
     if (!rows) return;
     InstallerMoveFileMachine machine;
     ProgramLogSink log;

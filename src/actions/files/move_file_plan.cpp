@@ -71,11 +71,6 @@ std::wstring EncodeItems(const std::vector<MoveFileItem>& items) {
 
 }  // namespace
 
-bool MayBeChosen(const std::optional<ComponentState>& state, int attributes) {
-    if (!state || IsFileAbsent(*state)) return false;
-    return Accepts(attributes, ClassifyComponent(*state));
-}
-
 Decision DecideMoveFile(ComponentStates& states, const MoveFileRow& row, LogSink& log) {
     Decision d;
     if (const auto state = states.State(row.component)) {

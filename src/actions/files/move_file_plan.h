@@ -74,11 +74,6 @@ public:
     virtual std::wstring NewUuid() = 0;
 };
 
-// Whether a row of a component in `state` with these bits can be chosen at
-// all (its condition aside): the component has a task, not a FileAbsent
-// uninstall, and the bits select the task.
-bool MayBeChosen(const std::optional<ComponentState>& state, int attributes);
-
 // The decision for one row, in this order: a component with nothing to do, the
 // row's condition, an uninstall that only removes files (FileAbsent), then the
 // task against the row's bits 0x1 (install), 0x2 (reinstall) and 0x4 (uninstall).

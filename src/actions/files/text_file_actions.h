@@ -22,7 +22,8 @@ public:
     bool FileExists(const std::wstring& path) override;
     std::wstring NewUuid() override;
     std::wstring LockFilesOnUpdate() override;
-    bool LogContentInFull() override;
+    // Verbose logging: the registry files' content is logged whole.
+    bool LogContentInFull();
     std::vector<std::wstring> FormatAll(const std::vector<std::wstring>& texts) override;
 
 private:

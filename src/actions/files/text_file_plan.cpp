@@ -83,13 +83,8 @@ std::vector<TextFileItem> PlanTextFiles(const std::vector<TextFileRow>& rows, Co
     for (auto& [path, content] : contents) {
         log.Info(L"Configuring text file %s.", path);
         TextFileItem item = NewTextFileItem(path, std::move(content), machine);
-        if (machine.LogContentInFull()) {
-            log.Info(L"Generated text file content:\n%s", WithoutBrackets(item.content));
-        } else {
-            const auto lines = std::count(item.content.begin(), item.content.end(), L'\n') + 1;
-            log.Info(L"Generated text file content: %u characters in %u lines (verbose logging shows it).",
-                     item.content.size(), static_cast<std::size_t>(lines));
-        }
+        // In every log, not only a verbose one; hidden properties' values show as "***".
+        log.Info(L"Generated text file content:\n%s", WithoutBrackets(item.content));
         log.Info(L"The text file %s (%d) was successfully configured.", item.path, item.atr);
         items.push_back(std::move(item));
     }

@@ -43,7 +43,6 @@ public:
     virtual bool FileExists(const std::wstring& path) = 0;  // a file, not a directory
     virtual std::wstring NewUuid() = 0;                     // UuidToStringW form
     virtual std::wstring LockFilesOnUpdate() = 0;           // the property's value
-    virtual bool LogContentInFull() = 0;                    // verbose logging: the whole content
     // The installer's formatting of each text, in order.
     virtual std::vector<std::wstring> FormatAll(const std::vector<std::wstring>& texts) = 0;
 };

@@ -130,6 +130,30 @@ std::wstring CreatedMarker(const XmlFileItem& item) { return item.backup + L".ne
 
 std::wstring Selection(const XmlEdit& edit) { return SelectionNamespaces(edit.namespaces).value_or(L""); }
 
+// A permanent row keeps no record, so a repair cannot know it made its
+// elements before; the document can: when every element just added has an
+// identical earlier sibling, the additions go again and the edit is skipped.
+bool RepeatsAPermanentEdit(const XmlEdit& edit, const std::vector<XmlDocument::NodePtr>& added) {
+    if (!(edit.attributes & Permanent)) return false;
+    bool anyElement = false;
+    for (const auto& node : added) {
+        if (XmlDocument::NameOf(node).empty() || XmlDocument::NameOf(node)[0] == L'#') continue;  // text, comments
+        anyElement = true;
+        if (!XmlDocument::HasEarlierTwin(node)) return false;
+    }
+    if (!anyElement) return false;
+    const std::wstring parent = XmlDocument::PositionOf(XmlDocument::Parent(added.front()));
+    for (auto it = added.rbegin(); it != added.rend(); ++it) XmlDocument::Remove(*it, true);
+    LogInfo(L"Skip xml edit '%s' under '%s': a permanent row made it before (0x1).", edit.id, parent);
+    return true;
+}
+
+// The step that takes back a node an edit made: its position, its name and its content.
+XmlUndoStep Made(const XmlDocument::NodePtr& node) {
+    return {XmlUndoStep::RemoveNode, XmlDocument::PositionOf(node), L"", std::nullopt, L"", 0, XmlDocument::NameOf(node),
+            ContentHash(XmlDocument::XmlOf(node))};
+}
+
 // Makes one edit and returns the steps that take it back.
 std::vector<XmlUndoStep> Apply(XmlDocument& document, const XmlEdit& edit, const std::wstring& file) {
     std::vector<XmlDocument::NodePtr> nodes = document.Select(edit.xpath, Selection(edit));
@@ -161,7 +185,8 @@ std::vector<XmlUndoStep> Apply(XmlDocument& document, const XmlEdit& edit, const
         }
         for (const auto& node : nodes) {
             XmlUndoStep step{edit.name.empty() ? XmlUndoStep::Text : XmlUndoStep::Attribute,
-                             XmlDocument::PositionOf(node), edit.name, std::nullopt, L"", 0};
+                             XmlDocument::PositionOf(node), edit.name, std::nullopt, L"", 0,
+                             XmlDocument::NameOf(node), L""};
             if (edit.name.empty()) {
                 step.value = XmlDocument::Text(node);
                 XmlDocument::SetText(node, edit.value);
@@ -178,7 +203,8 @@ std::vector<XmlUndoStep> Apply(XmlDocument& document, const XmlEdit& edit, const
         LogInfo(L"Create element '%s' under %u node(s) matching '%s' in '%s'.", edit.name, count, edit.xpath, file);
         for (const auto& node : nodes) {
             const auto created = document.AppendElement(node, edit.name, edit.value, edit.namespaces);
-            steps.push_back({XmlUndoStep::RemoveNode, XmlDocument::PositionOf(created), L"", std::nullopt, L"", 0});
+            if (RepeatsAPermanentEdit(edit, {created})) continue;
+            steps.push_back(Made(created));
         }
         break;
     case DeleteAttribute:
@@ -187,23 +213,28 @@ std::vector<XmlUndoStep> Apply(XmlDocument& document, const XmlEdit& edit, const
             const std::optional<std::wstring> old = XmlDocument::Attribute(node, edit.name);
             if (!old) continue;
             XmlDocument::RemoveAttribute(node, edit.name);
-            if (!secret) steps.push_back({XmlUndoStep::Attribute, XmlDocument::PositionOf(node), edit.name, old, L"", 0});
+            if (!secret) {
+                steps.push_back({XmlUndoStep::Attribute, XmlDocument::PositionOf(node), edit.name, old, L"", 0,
+                                 XmlDocument::NameOf(node), L""});
+            }
         }
         break;
     case DeleteElements:
         LogInfo(L"Delete %u node(s) matching '%s' in '%s'.", count, edit.xpath, file);
         for (const auto& node : nodes) {
-            const std::wstring parent = XmlDocument::PositionOf(XmlDocument::Parent(node));
+            const XmlDocument::NodePtr parent = XmlDocument::Parent(node);
+            const std::wstring position = XmlDocument::PositionOf(parent);
             auto [xml, index] = XmlDocument::Remove(node, true);
-            steps.push_back({XmlUndoStep::InsertNode, parent, L"", std::nullopt, std::move(xml), index});
+            steps.push_back({XmlUndoStep::InsertNode, position, L"", std::nullopt, std::move(xml), index,
+                             XmlDocument::NameOf(parent), L""});
         }
         break;
     case AppendFragment:
         LogInfo(L"Append a fragment under %u node(s) matching '%s' in '%s'.", count, edit.xpath, file);
         for (const auto& node : nodes) {
-            for (const auto& added : document.AppendFragment(node, edit.value, edit.namespaces)) {
-                steps.push_back({XmlUndoStep::RemoveNode, XmlDocument::PositionOf(added), L"", std::nullopt, L"", 0});
-            }
+            const std::vector<XmlDocument::NodePtr> added = document.AppendFragment(node, edit.value, edit.namespaces);
+            if (RepeatsAPermanentEdit(edit, added)) continue;
+            for (const auto& one : added) steps.push_back(Made(one));
         }
         break;
     default: break;
@@ -220,6 +251,17 @@ void TakeBack(XmlDocument& document, const XmlEdit& edit, const std::vector<XmlU
         const XmlDocument::NodePtr node = document.AtPosition(step.node);
         if (!node) {
             LogInfo(L"The node '%s' of '%s' is gone: that step of '%s' is passed over.", step.node, file, edit.id);
+            continue;
+        }
+        // Positions move when earlier siblings go: act only on the node the edit made or changed.
+        if (!step.nodeName.empty() && XmlDocument::NameOf(node) != step.nodeName) {
+            LogInfo(L"Skip a step of xml edit '%s': the node at '%s' of '%s' is now '%s', not '%s'.", edit.id,
+                    step.node, file, XmlDocument::NameOf(node), step.nodeName);
+            continue;
+        }
+        if (!step.hash.empty() && ContentHash(XmlDocument::XmlOf(node)) != step.hash) {
+            LogInfo(L"Skip a step of xml edit '%s': the node at '%s' of '%s' is no longer the one it made.", edit.id,
+                    step.node, file);
             continue;
         }
         switch (step.kind) {
@@ -265,6 +307,12 @@ void ForgetRecords(const XmlFileItem& item, const std::wstring& product) {
 }
 
 void EditFile(const XmlFileItem& item, const std::wstring& product) {
+    if (item.undo && std::none_of(item.edits.begin(), item.edits.end(),
+                                  [&](const XmlEdit& edit) { return ReadRecord(product, edit.id).has_value(); })) {
+        // The install never edited the file (a false condition, say): nothing to take back, nothing to open.
+        LogInfo(L"Nothing to take back in '%s': no edit of it was recorded.", item.path);
+        return;
+    }
     CheckWritablePath(item.path);
     CheckNotLink(item.path);
     if (!FileExists(item.path)) {
@@ -285,6 +333,13 @@ void EditFile(const XmlFileItem& item, const std::wstring& product) {
         LogInfo(L"Create xml file '%s'.", item.path);
         WriteFileBytes(item.path, EncodeXmlText(text, XmlEncoding{XmlEncoding::Utf8, true, true}, XmlDeclarationOf(text)));
     } else {
+        // A file the library could not write back in its own encoding is
+        // refused before anything is backed up or changed.
+        try {
+            DetectXmlEncoding(ReadBytes(item.path));
+        } catch (const Exception& e) {
+            Throw(e.Code(), L"Refused to edit '" + item.path + L"': " + e.Message());
+        }
         LogInfo(L"Backing up file '%s' -> '%s'.", item.path, item.backup);
         CopyToNewFile(item.path, item.backup);
     }

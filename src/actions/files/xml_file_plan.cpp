@@ -1,6 +1,7 @@
 #include "actions/files/xml_file_plan.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <map>
 #include <utility>
 
@@ -275,6 +276,45 @@ std::wstring LoggedValue(const XmlEdit& edit, std::wstring_view value) {
     return (edit.attributes & Secret) ? L"***" : std::wstring(value);
 }
 
+namespace {
+
+// Bytes 0x80..0x9F of windows-1252 (0: not assigned, read as the C1 control).
+constexpr char16_t kWindows1252[32] = {
+    0x20AC, 0, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160, 0x2039, 0x0152, 0, 0x017D, 0,
+    0, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022, 0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0, 0x017E, 0x0178};
+
+// The encoding named by the declaration at the start of BOM-less bytes, in lower case; empty when none is.
+std::wstring DeclaredEncoding(const std::vector<unsigned char>& bytes) {
+    std::wstring head;
+    for (std::size_t i = 0; i < bytes.size() && i < 256 && bytes[i] < 0x80; ++i) head.push_back(static_cast<wchar_t>(bytes[i]));
+    const std::wstring declaration = XmlDeclarationOf(head);
+    const std::size_t at = declaration.find(L"encoding");
+    if (at == std::wstring::npos) return {};
+    const std::size_t open = declaration.find_first_of(L"'\"", at);
+    if (open == std::wstring::npos) return {};
+    const std::size_t close = declaration.find(declaration[open], open + 1);
+    if (close == std::wstring::npos) return {};
+    return PathKey(declaration.substr(open + 1, close - open - 1));
+}
+
+wchar_t FromWindows1252(unsigned char b) {
+    return b >= 0x80 && b < 0xA0 && kWindows1252[b - 0x80] != 0 ? static_cast<wchar_t>(kWindows1252[b - 0x80])
+                                                               : static_cast<wchar_t>(b);
+}
+
+// The byte for a character in a single-byte encoding, or -1 when it has none.
+int SingleByte(wchar_t c, XmlEncoding::Kind kind) {
+    if (kind == XmlEncoding::Windows1252) {
+        for (int i = 0; i < 32; ++i) {
+            if (kWindows1252[i] != 0 && static_cast<wchar_t>(kWindows1252[i]) == c) return 0x80 + i;
+        }
+        if (c >= 0x80 && c < 0xA0 && kWindows1252[c - 0x80] != 0) return -1;  // that byte means another character
+    }
+    return c <= 0xFF ? static_cast<int>(c) : -1;
+}
+
+}  // namespace
+
 XmlEncoding DetectXmlEncoding(const std::vector<unsigned char>& bytes) {
     XmlEncoding encoding;
     if (bytes.size() >= 3 && bytes[0] == 0xEF && bytes[1] == 0xBB && bytes[2] == 0xBF) {
@@ -283,6 +323,16 @@ XmlEncoding DetectXmlEncoding(const std::vector<unsigned char>& bytes) {
         encoding.kind = XmlEncoding::Utf16Le;
     } else if (bytes.size() >= 2 && bytes[0] == 0xFE && bytes[1] == 0xFF) {
         encoding.kind = XmlEncoding::Utf16Be;
+    } else {
+        const std::wstring declared = DeclaredEncoding(bytes);
+        if (declared == L"iso-8859-1" || declared == L"latin1" || declared == L"l1" || declared == L"us-ascii") {
+            encoding.kind = XmlEncoding::Latin1;
+        } else if (declared == L"windows-1252" || declared == L"cp1252") {
+            encoding.kind = XmlEncoding::Windows1252;
+        } else if (!declared.empty() && declared != L"utf-8" && declared != L"utf8") {
+            throw Exception(kInvalidArgument,
+                            L"The XML file declares the encoding '" + declared + L"', which the library cannot keep.");
+        }
     }
     const std::wstring text = DecodeXmlText(bytes, encoding);
     encoding.crlf = text.find(L"\r\n") != std::wstring::npos;
@@ -294,6 +344,15 @@ std::wstring DecodeXmlText(const std::vector<unsigned char>& bytes, const XmlEnc
     switch (encoding.kind) {
     case XmlEncoding::Utf8: return DecodeUtf8(bytes, 0);
     case XmlEncoding::Utf8Bom: return DecodeUtf8(bytes, 3);
+    case XmlEncoding::Latin1:
+    case XmlEncoding::Windows1252: {
+        std::wstring text;
+        text.reserve(bytes.size());
+        for (const unsigned char b : bytes) {
+            text.push_back(encoding.kind == XmlEncoding::Latin1 ? static_cast<wchar_t>(b) : FromWindows1252(b));
+        }
+        return text;
+    }
     default: break;
     }
     if (bytes.size() % 2 != 0) throw Exception(kInvalidArgument, L"The file has an odd number of UTF-16 bytes.");
@@ -368,6 +427,23 @@ std::vector<unsigned char> EncodeXmlText(std::wstring_view serialised, const Xml
     case XmlEncoding::Utf8: AppendUtf8(bytes, text); return bytes;
     case XmlEncoding::Utf16Le: bytes = {0xFF, 0xFE}; break;
     case XmlEncoding::Utf16Be: bytes = {0xFE, 0xFF}; break;
+    case XmlEncoding::Latin1:
+    case XmlEncoding::Windows1252:
+        // A character the encoding lacks goes in as a character reference,
+        // which any XML reader reads back as that character.
+        for (std::size_t i = 0; i < text.size(); ++i) {
+            const int b = SingleByte(text[i], encoding.kind);
+            if (b >= 0) {
+                bytes.push_back(static_cast<unsigned char>(b));
+                continue;
+            }
+            std::uint32_t code = static_cast<std::uint32_t>(text[i]);
+            if (code >= 0xD800 && code < 0xDC00 && i + 1 < text.size() && text[i + 1] >= 0xDC00 && text[i + 1] < 0xE000) {
+                code = 0x10000 + ((code - 0xD800) << 10) + (static_cast<std::uint32_t>(text[++i]) - 0xDC00);
+            }
+            for (const wchar_t c : Format(L"&#x%x;", code)) bytes.push_back(static_cast<unsigned char>(c));
+        }
+        return bytes;
     }
     for (wchar_t c : text) {
         const auto low = static_cast<unsigned char>(c & 0xFF), high = static_cast<unsigned char>((c >> 8) & 0xFF);
@@ -382,6 +458,15 @@ std::vector<unsigned char> EncodeXmlText(std::wstring_view serialised, const Xml
     return bytes;
 }
 
+std::wstring ContentHash(std::wstring_view xml) {
+    std::uint64_t hash = 0xcbf29ce484222325ull;
+    for (const wchar_t c : xml) {
+        hash ^= static_cast<std::uint16_t>(c);
+        hash *= 0x100000001b3ull;
+    }
+    return Format(L"%08x%08x", static_cast<unsigned>(hash >> 32), static_cast<unsigned>(hash & 0xFFFFFFFFu));
+}
+
 std::wstring EncodeXmlUndo(const std::vector<XmlUndoStep>& steps) {
     static const wchar_t* const kinds[] = {L"attr", L"text", L"remove", L"insert"};
     std::vector<PropertyMap> records;
@@ -393,6 +478,8 @@ std::wstring EncodeXmlUndo(const std::vector<XmlUndoStep>& steps) {
         if (step.value) r.Set(L"val", *step.value);
         if (!step.xml.empty()) r.Set(L"xml", step.xml);
         if (step.index != 0) r.Set(L"i", step.index);
+        if (!step.nodeName.empty()) r.Set(L"nn", step.nodeName);
+        if (!step.hash.empty()) r.Set(L"h", step.hash);
         records.push_back(std::move(r));
     }
     return EncodeRecordList(records);
@@ -412,6 +499,8 @@ std::vector<XmlUndoStep> DecodeXmlUndo(std::wstring_view text) {
         if (r.Contains(L"val")) step.value = r.Get(L"val");
         step.xml = r.Get(L"xml");
         step.index = r.GetInteger(L"i");
+        step.nodeName = r.Get(L"nn");
+        step.hash = r.Get(L"h");
         steps.push_back(std::move(step));
     }
     return steps;

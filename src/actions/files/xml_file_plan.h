@@ -129,16 +129,20 @@ std::wstring LoggedValue(const XmlEdit& edit, std::wstring_view value);
 // --- A document's bytes ---
 
 struct XmlEncoding {
-    enum Kind { Utf8, Utf8Bom, Utf16Le, Utf16Be };
+    enum Kind { Utf8, Utf8Bom, Utf16Le, Utf16Be, Latin1, Windows1252 };
     Kind kind = Utf8;
     bool crlf = false;     // the file's line ends: CR LF (else LF)
     bool lastLine = true;  // the text ends with a line end
     bool operator==(const XmlEncoding&) const = default;
 };
 
-// The encoding (byte-order mark; UTF-8 without one) and the line ends (CR LF
-// when the text has any) of a file's bytes, and its text. Throws
-// E_INVALIDARG "... is not valid UTF-8" or for an odd number of UTF-16 bytes.
+// The encoding and the line ends (CR LF when the text has any) of a file's
+// bytes, and its text. The encoding is the byte-order mark's; without one,
+// the declaration's: UTF-8 (also when none is declared), ISO-8859-1 (and its
+// names latin1, l1, us-ascii) or windows-1252. Throws E_INVALIDARG "The XML
+// file declares the encoding '<name>', which the library cannot keep." for
+// any other, "... is not valid UTF-8", or for an odd number of UTF-16 bytes;
+// the caller asks before it makes any backup.
 XmlEncoding DetectXmlEncoding(const std::vector<unsigned char>& bytes);
 std::wstring DecodeXmlText(const std::vector<unsigned char>& bytes, const XmlEncoding& encoding);
 
@@ -165,8 +169,17 @@ struct XmlUndoStep {
     std::optional<std::wstring> value;  // Attribute: the old value (none: it did not exist); Text: the old text
     std::wstring xml;     // InsertNode: the removed node's XML
     int index = 0;        // InsertNode: how many element siblings stood before it
+    // What stood at `node` when the edit was made: its name, and for
+    // RemoveNode the ContentHash of its XML. A take-back acts only on the
+    // same node (empty: a record from before these were kept).
+    std::wstring nodeName;
+    std::wstring hash;
     bool operator==(const XmlUndoStep&) const = default;
 };
+
+// 16 hex digits (64-bit FNV-1a over the UTF-16 code units): enough to tell
+// whether a node's XML is still what an edit made.
+std::wstring ContentHash(std::wstring_view xml);
 
 std::wstring EncodeXmlUndo(const std::vector<XmlUndoStep>& steps);
 std::vector<XmlUndoStep> DecodeXmlUndo(std::wstring_view text);

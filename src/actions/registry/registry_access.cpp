@@ -176,7 +176,7 @@ void DeleteValue(int root, std::wstring_view key, std::wstring_view name, std::u
     status = ::RegDeleteValueW(handle.Get(), value.c_str());
     if (status == ERROR_SUCCESS) {
         LogInfo(L"Remove registry value: Key '%s', Name '%s'.", path, value);
-    } else if (status != ERROR_FILE_NOT_FOUND) {
+    } else {
         LogInfo(L"Failed to remove registry value: Key '%s', Name '%s'. Error 0x%x.", path, value,
                 FailureFromWin32(static_cast<DWORD>(status)));
     }
@@ -199,7 +199,7 @@ void RegistryValueRemover::Remove(int root, std::wstring_view key, std::wstring_
     const LONG status = ::RegDeleteValueW(run_.handle.Get(), value.c_str());
     if (status == ERROR_SUCCESS) {
         LogInfo(L"Remove registry value: Key '%s', Name '%s'.", path, value);
-    } else if (status != ERROR_FILE_NOT_FOUND) {
+    } else {
         LogInfo(L"Failed to remove registry value: Key '%s', Name '%s'. Error 0x%x.", path, value, Failure(status));
     }
     if (keep > 0 && KeyDepth(path) <= keep) return;  // the clean-up would stop at once

@@ -17,6 +17,7 @@
 #include "runtime/string_buffer.h"
 #include "runtime/throw.h"
 #include "services/file_operations.h"
+#include "services/path.h"
 
 namespace setup {
 
@@ -26,17 +27,12 @@ constexpr wchar_t kTable[] = L"RegistryEx";
 constexpr wchar_t kQuery[] =
     L"SELECT `RegistryEx`, `Root`, `Key`, `Name`, `Value`, `Component_`, `Attributes`, `Condition`, `File` FROM "
     L"`RegistryEx`";
-constexpr wchar_t kComponentsQuery[] = L"SELECT DISTINCT `Component_` FROM `RegistryEx`";
 constexpr wchar_t kComponentIdQuery[] = L"SELECT `ComponentId` FROM `Component` WHERE `Component` = ?";
 
-// Whether a component's states let its rows be chosen at all.
-using ComponentFilter = std::function<bool(const std::wstring& component, const ComponentState& state)>;
-
 // The table's rows read and resolved, or nothing when the package has no such
-// table, or when none of its components passes `filter` (each row costs the
-// installer a dozen round trips; a component costs one or two).
+// table. Every row is read and logged, whatever this installation does to its
+// component: the per-row lines are the table's contract.
 std::optional<std::vector<RegistryExRow>> ReadRows(const Session& session, SessionComponentStates& components,
-                                                   const ComponentFilter& filter, const wchar_t* nothingToDo,
                                                    LogSink& log) {
     const Database database = session.ActiveDatabase();
     if (!database.TableExists(kTable)) {
@@ -44,18 +40,6 @@ std::optional<std::vector<RegistryExRow>> ReadRows(const Session& session, Sessi
         return std::nullopt;
     }
     const std::wstring forceInstall = session.GetProperty(L"ForceInstallRegFileComponents");
-    bool any = false;
-    database.ForEachRow(kComponentsQuery, [&](const Record& record) {
-        if (any) return;
-        const std::wstring component = record.GetString(1);
-        ComponentState state = components.State(component).value_or(ComponentState{});
-        if (ForcedToInstall(forceInstall, component, state)) state.action = install_state::Local;
-        any = filter(component, state);
-    });
-    if (!any) {
-        log.Info(L"%s", nothingToDo);
-        return std::nullopt;
-    }
     RegistryExReading reading;
     reading.wow64 = IsWow64();
     reading.system64 = sizeof(void*) == 8 || reading.wow64;
@@ -167,10 +151,16 @@ std::wstring ReadLastVersion(const std::wstring& path) {
 // One text-file item per registry file, its text merged with the last version.
 std::vector<TextFileItem> PlanRegFiles(const Session& session, const std::vector<RegistryExRow>& chosen,
                                        LogSink& log) {
-    std::map<std::wstring, std::vector<RegistryExRow>> files;
+    // One file whatever the letter case of its path: the first row's spelling names it.
+    std::map<std::wstring, std::pair<std::wstring, std::vector<RegistryExRow>>> byPath;
     for (const RegistryExRow& row : chosen) {
-        if (!row.file.empty()) files[row.file].push_back(row);
+        if (row.file.empty()) continue;
+        auto& [spelling, rows] = byPath[PathKey(row.file)];
+        if (rows.empty()) spelling = row.file;
+        rows.push_back(row);
     }
+    std::map<std::wstring, std::vector<RegistryExRow>> files;
+    for (auto& [key, file] : byPath) files[file.first] = std::move(file.second);
     if (files.empty()) return {};
     log.Info(L"Generating registry content...");
     bool redirect32 = IsWow64();
@@ -258,13 +248,8 @@ void ApplyRows(const Session& session, bool strict) {
 void InstallRegFiles(Session& session) {
     Wow64FsRedirectionGuard redirection;
     ProgramLogSink log;
-    const auto installing = [](const std::wstring&, const ComponentState& state) {
-        const ComponentTask task = ClassifyComponent(state);
-        return task == ComponentTask::Install || task == ComponentTask::Reinstall;
-    };
     SessionComponentStates states(session);
-    const std::optional<std::vector<RegistryExRow>> rows = ReadRows(
-        session, states, installing, L"No component of the RegistryEx table is installed or reinstalled.", log);
+    const std::optional<std::vector<RegistryExRow>> rows = ReadRows(session, states, log);
     if (!rows) return;
     const std::vector<RegistryExRow> chosen = PlanRegistryInstall(*rows, states, log);
     std::vector<RegistryExRow> direct;
@@ -282,15 +267,8 @@ void UninstallRegFiles(Session& session) {
     const LocatedState located = [&session](const std::wstring& component) {
         return LocateComponent(session, component);
     };
-    // Removed here, or absent here without an action but present for another product.
-    const auto removing = [&](const std::wstring& component, const ComponentState& state) {
-        return ClassifyComponent(state) == ComponentTask::Uninstall ||
-               (state.installed == install_state::Absent && state.action == install_state::Unknown &&
-                located(component) >= install_state::Local);
-    };
     SessionComponentStates states(session);
-    const std::optional<std::vector<RegistryExRow>> rows =
-        ReadRows(session, states, removing, L"No component of the RegistryEx table is removed.", log);
+    const std::optional<std::vector<RegistryExRow>> rows = ReadRows(session, states, log);
     if (!rows) return;
     std::vector<RegistryExRow> direct;
     for (const RegistryExRow& row : PlanRegistryUninstall(*rows, states, located, log)) {

@@ -3,12 +3,14 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <tuple>
 #include <utility>
 
 #include "actions/registry/registry_notation.h"
 #include "runtime/action_data.h"
 #include "runtime/exception.h"
 #include "runtime/hresult.h"
+#include "services/path.h"
 
 namespace setup {
 
@@ -271,11 +273,17 @@ std::vector<RegistryExRow> PlanRegistryInstall(const std::vector<RegistryExRow>&
 
 std::vector<RegistryExRow> PlanRegistryUninstall(const std::vector<RegistryExRow>& rows, ComponentStates& states,
                                                  const LocatedState& located, LogSink& log) {
-    std::map<std::pair<std::wstring_view, std::wstring_view>, std::vector<const RegistryExRow*>> byValue;
-    for (const RegistryExRow& row : rows) byValue[{row.key, row.name}].push_back(&row);
+    // The same value whatever the letter case of its key and name (the registry
+    // ignores it), and only under the same root.
+    using ValueKey = std::tuple<int, std::wstring, std::wstring>;
+    const auto valueOf = [](const RegistryExRow& row) {
+        return ValueKey{NormalizeRoot(row.root), PathKey(row.key), PathKey(row.name)};
+    };
+    std::map<ValueKey, std::vector<const RegistryExRow*>> byValue;
+    for (const RegistryExRow& row : rows) byValue[valueOf(row)].push_back(&row);
     std::vector<RegistryExRow> chosen;
     for (const RegistryExRow& row : rows) {
-        if (!DecideRegistryUninstall(row, byValue[{row.key, row.name}], states, located, log)) continue;
+        if (!DecideRegistryUninstall(row, byValue[valueOf(row)], states, located, log)) continue;
         LogDirectOrFile(row, log);
         // Nothing is written on uninstall: only the key and the root must be usable.
         if (row.root >= 0 && row.root <= 3 && RegistryPathProblem(row.key, row.name).empty()) {

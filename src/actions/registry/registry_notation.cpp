@@ -43,18 +43,20 @@ int HexDigit(wchar_t c) {
     return -1;
 }
 
-// Two digits per byte; an odd last digit is a byte of its own.
+// Two digits per byte; an odd number of digits reads as if a zero stood in
+// front ("0A0" is 00 A0), as the installer's own Registry table reads it.
 std::vector<unsigned char> HexBytes(std::wstring_view digits, const wchar_t* what, std::wstring_view value) {
     std::vector<unsigned char> bytes;
     bytes.reserve(digits.size() / 2 + 1);
-    for (std::size_t i = 0; i < digits.size(); i += 2) {
-        int byte = 0;
-        for (std::size_t j = i; j < i + 2 && j < digits.size(); ++j) {
-            const int digit = HexDigit(digits[j]);
-            if (digit < 0) Refuse(what, value);
-            byte = byte * 16 + digit;
+    int byte = 0;
+    for (std::size_t i = 0; i < digits.size(); ++i) {
+        const int digit = HexDigit(digits[i]);
+        if (digit < 0) Refuse(what, value);
+        byte = byte * 16 + digit;
+        if ((digits.size() - i) % 2 == 1) {  // the byte's low digit
+            bytes.push_back(static_cast<unsigned char>(byte));
+            byte = 0;
         }
-        bytes.push_back(static_cast<unsigned char>(byte));
     }
     return bytes;
 }

@@ -68,13 +68,19 @@ int RootFromShortName(std::wstring_view name) {
 std::wstring RedirectTo32(std::wstring_view path) { return Walk(path, kRedirect32); }
 std::wstring ObjectNameToSubkey(std::wstring_view name) { return Walk(name, kObjectNames); }
 
-std::int32_t BytesToInteger(const std::vector<unsigned char>& data) {
-    if (data.size() < 4) throw Exception(kInvalidArgument, L"Filed to convert registry bytes to integer.");
+std::int32_t BytesToInteger(const std::vector<unsigned char>& data, LogSink* log) {
+    if (data.size() < 4) {
+        if (log) log->Info(L"Incorrect data size %d.", static_cast<int>(data.size()));
+        throw Exception(kInvalidArgument, L"Filed to convert registry bytes to integer.");
+    }
     return static_cast<std::int32_t>(static_cast<std::uint32_t>(LittleEndian(data, 4)));
 }
 
-std::uint64_t BytesToQword(const std::vector<unsigned char>& data) {
-    if (data.size() < 8) throw Exception(kInvalidArgument, L"Filed to convert registry bytes to qword.");
+std::uint64_t BytesToQword(const std::vector<unsigned char>& data, LogSink* log) {
+    if (data.size() < 8) {
+        if (log) log->Info(L"Incorrect data size %d.", static_cast<int>(data.size()));
+        throw Exception(kInvalidArgument, L"Filed to convert registry bytes to qword.");
+    }
     return LittleEndian(data, 8);
 }
 

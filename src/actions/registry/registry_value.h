@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "runtime/log_sink.h"
+
 namespace setup {
 
 // Registry value types (winnt.h).
@@ -43,10 +45,11 @@ std::wstring RedirectTo32(std::wstring_view path);
 // A security object name in short-name form, turned into its subkey path.
 std::wstring ObjectNameToSubkey(std::wstring_view name);
 
-// The first 4 (8) bytes, little-endian. Fewer bytes throw E_INVALIDARG
-// "Filed to convert registry bytes to integer." ("... to qword.").
-std::int32_t BytesToInteger(const std::vector<unsigned char>& data);
-std::uint64_t BytesToQword(const std::vector<unsigned char>& data);
+// The first 4 (8) bytes, little-endian. Fewer bytes log "Incorrect data
+// size %d." (when a sink is given) and throw E_INVALIDARG "Filed to convert
+// registry bytes to integer." ("... to qword.").
+std::int32_t BytesToInteger(const std::vector<unsigned char>& data, LogSink* log = nullptr);
+std::uint64_t BytesToQword(const std::vector<unsigned char>& data, LogSink* log = nullptr);
 std::vector<unsigned char> QwordBytes(std::uint64_t value);
 std::vector<unsigned char> DwordBytes(std::uint32_t value);
 

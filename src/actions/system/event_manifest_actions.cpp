@@ -16,8 +16,9 @@ namespace setup {
 namespace {
 
 constexpr wchar_t kTable[] = L"EventManifest";
-// The key comes last, so that a bad row can be named.
-constexpr wchar_t kQuery[] = L"SELECT `Component_`, `File`, `EventManifest` FROM `EventManifest`";
+// Exactly the columns the table's contract names: a package whose table has
+// only these two must work (the kit's key column is optional).
+constexpr wchar_t kQuery[] = L"SELECT `Component_`, `File` FROM `EventManifest`";
 
 std::wstring SystemWevtutil() {
     wchar_t directory[MAX_PATH + 1];
@@ -31,9 +32,8 @@ std::optional<std::vector<EventManifestRow>> ReadRows(const Session& session) {
     std::vector<EventManifestRow> rows;
     const bool exists = session.ActiveDatabase().ForEachRowOfTable(kTable, kQuery, [&](const Record& record) {
         EventManifestRow row{record.GetString(1), session.FormatText(record.GetString(2))};
-        const std::wstring key = record.GetString(3);
-        if (row.file.empty()) Throw(kFail, L"The file is empty in EventManifest table, row '" + key + L"'.");
-        if (row.component.empty()) Throw(kFail, L"The component is empty in EventManifest table, row '" + key + L"'.");
+        if (row.file.empty()) Throw(kFail, L"The file is empty in EventManifest table.");
+        if (row.component.empty()) Throw(kFail, L"The component is empty in EventManifest table.");
         rows.push_back(std::move(row));
     });
     if (!exists) return std::nullopt;

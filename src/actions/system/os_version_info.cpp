@@ -43,7 +43,9 @@ void ReadMachine(OsFacts& facts) {
         USHORT process = 0, native = 0;
         if (wow64(::GetCurrentProcess(), &process, &native)) {
             facts.nativeMachine = native;
-            facts.processMachine = process == 0 ? native : process;  // 0: not under WOW64
+            // 0: not under WOW64, so the process runs this module's own machine
+            // (an x64 process on an arm64 system is no arm64 process).
+            facts.processMachine = process == 0 ? kOwnMachine : process;
             facts.machineSource = L"IsWow64Process2";
             return;
         }
@@ -64,7 +66,8 @@ void ReadMachine(OsFacts& facts) {
 void ReadCurrentVersion(OsFacts& facts) {
     // The 64-bit view: a 32-bit process would otherwise read the redirected copy.
     if (const auto ubr = ReadValue(2, kCurrentVersionKey, L"UBR", kView64); ubr && ubr->type == kRegDword) {
-        facts.ubr = static_cast<std::uint32_t>(BytesToInteger(ubr->data));
+        ProgramLogSink log;
+        facts.ubr = static_cast<std::uint32_t>(BytesToInteger(ubr->data, &log));
     }
     if (const auto display = ReadValue(2, kCurrentVersionKey, L"DisplayVersion", kView64);
         display && display->type == kRegSz) {
@@ -81,7 +84,9 @@ void GetOsVersionInfo(Session& session) {
     ReadCurrentVersion(facts);
     for (const OsProperty& property : OsProperties(facts)) {
         if (property.value.empty()) {
+            // Cleared, not left: a value given on the command line must not pass for a fact.
             LogInfo(L"Property %s is not set: %s.", property.name, property.source);
+            session.SetProperty(property.name, L"");
             continue;
         }
         LogInfo(L"Property %s = '%s' (%s).", property.name, property.value, property.source);

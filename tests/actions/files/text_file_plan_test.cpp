@@ -19,10 +19,8 @@ public:
         ++lockReads;
         return lock;
     }
-    bool LogContentInFull() override { return verbose; }
     std::vector<std::wstring> FormatAll(const std::vector<std::wstring>& texts) override { return texts; }
     std::set<std::wstring> files;  // existing files; a directory is simply not listed
-    bool verbose = true;
     std::wstring lock;
     int uuids = 0;
     int lockReads = 0;
@@ -133,10 +131,6 @@ TEST(TextFilePlan, LogsContentWithoutBracketsButKeepsThemInTheFile) {
     EXPECT_TRUE(f.Logged(L"Configuring text file C:\\t\\a.ini."));
     EXPECT_TRUE(f.Logged(L"Generated text file content:\nSection key=x"));
     EXPECT_TRUE(f.Logged(L"The text file C:\\t\\a.ini (0) was successfully configured."));
-    Fixture quiet;  // without verbose logging the content is summed up
-    quiet.machine.verbose = false;
-    quiet.Plan({{L"1", L"C:\\t\\a.ini", L"a", L"Install", L""}, {L"2", L"C:\\t\\a.ini", L"[b]", L"Install", L""}});
-    EXPECT_TRUE(quiet.Logged(L"Generated text file content: 5 characters in 2 lines (verbose logging shows it)."));
 }
 
 TEST(TextFilePlan, EncodesTheItemLayoutTheDeferredSideReads) {

@@ -101,6 +101,19 @@ TEST(XmlFilePlan, DocumentsKeepTheirEncodingDeclarationAndLineEnds) {
     EXPECT_EQ(EncodeXmlText(L"\xD83D\xDE00", plain, L""), Bytes("\xF0\x9F\x98\x80"));
     EXPECT_THROW(DetectXmlEncoding(Bytes("<a>\xC3</a>")), Exception);
     EXPECT_THROW(DetectXmlEncoding({0xFF, 0xFE, 0x3C}), Exception);
+    // Without a byte-order mark the declaration names the encoding; a character
+    // it lacks is written as a reference, and one it cannot keep is refused.
+    const std::vector<unsigned char> latin = Bytes("<?xml version='1.0' encoding='ISO-8859-1'?><a x='\xE9'/>");
+    const XmlEncoding latin1 = DetectXmlEncoding(latin);
+    EXPECT_EQ(latin1.kind, XmlEncoding::Latin1);
+    EXPECT_EQ(DecodeXmlText(latin, latin1), L"<?xml version='1.0' encoding='ISO-8859-1'?><a x='\u00e9'/>");
+    EXPECT_EQ(EncodeXmlText(L"<a x='Z\u00fcrich \u20ac'/>", latin1, L""), Bytes("<a x='Z\xFCrich &#x20ac;'/>"));
+    const std::vector<unsigned char> cp = Bytes("<?xml version=\"1.0\" encoding=\"windows-1252\"?><a>\x80\xE9</a>");
+    const XmlEncoding windows = DetectXmlEncoding(cp);
+    EXPECT_EQ(windows.kind, XmlEncoding::Windows1252);
+    EXPECT_EQ(DecodeXmlText(cp, windows).substr(45), L"<a>\u20ac\u00e9</a>");
+    EXPECT_EQ(EncodeXmlText(DecodeXmlText(cp, windows), windows, XmlDeclarationOf(DecodeXmlText(cp, windows))), cp);
+    EXPECT_THROW(DetectXmlEncoding(Bytes("<?xml version='1.0' encoding='Shift_JIS'?><a/>")), Exception);
 }
 
 TEST(XmlFilePlan, RowsGroupPerFileInSequenceAndUndoRunsBackwards) {
@@ -157,11 +170,11 @@ TEST(XmlFilePlan, RowsGroupPerFileInSequenceAndUndoRunsBackwards) {
 
 TEST(XmlFilePlan, UndoRecordsAndActionDataTravel) {
     const std::vector<XmlUndoStep> steps = {
-        {XmlUndoStep::Attribute, L"/*[1]/*[2]", L"value", L"80", L"", 0},
-        {XmlUndoStep::Attribute, L"/*[1]", L"new", std::nullopt, L"", 0},
-        {XmlUndoStep::Text, L"/*[1]/*[3]", L"", L"", L"", 0},
-        {XmlUndoStep::InsertNode, L"/*[1]", L"", std::nullopt, L"\n    <add key=\"a;b|c^d\"/>", 2},
-        {XmlUndoStep::RemoveNode, L"/*[1]/text()[4]", L"", std::nullopt, L"", 0},
+        {XmlUndoStep::Attribute, L"/*[1]/*[2]", L"value", L"80", L"", 0, L"add", L""},
+        {XmlUndoStep::Attribute, L"/*[1]", L"new", std::nullopt, L"", 0, L"", L""},
+        {XmlUndoStep::Text, L"/*[1]/*[3]", L"", L"", L"", 0, L"", L""},
+        {XmlUndoStep::InsertNode, L"/*[1]", L"", std::nullopt, L"\n    <add key=\"a;b|c^d\"/>", 2, L"", L""},
+        {XmlUndoStep::RemoveNode, L"/*[1]/text()[4]", L"", std::nullopt, L"", 0, L"#text", ContentHash(L"x")},
     };
     EXPECT_EQ(DecodeXmlUndo(EncodeXmlUndo(steps)), steps);
 

@@ -35,7 +35,7 @@ TEST(RegistryNotation, EveryNotationWritesItsTypeAndRendersForTheRegistryEditor)
     struct Case { std::wstring value; std::uint32_t type; std::vector<unsigned char> data; std::wstring line; };
     const std::vector<Case> cases = {
         {L"#x0A0B", kRegBinary, {0x0A, 0x0B}, L"hex:0a,0b"},
-        {L"#xabc", kRegBinary, {0xAB, 0x0C}, L"hex:ab,0c"},
+        {L"#xabc", kRegBinary, {0x0A, 0xBC}, L"hex:0a,bc"},  // a zero in front, as the Registry table reads it
         {L"#%%P%", kRegExpandSz, Utf16(std::wstring(L"%P%") + L'\0'), L"hex(2):25,00,50,00,25,00,00,00"},
         {L"#123", kRegDword, {0x7B, 0, 0, 0}, L"dword:0000007b"},
         {L"# +7z", kRegDword, {7, 0, 0, 0}, L"dword:00000007"},
@@ -221,8 +221,12 @@ TEST_F(RegistryExDecisions, UninstallDecisionWithTheSharedValueCheck) {
         Row(L"ondelete", L"Going", L"x", L"", 1), Row(L"unknown", L"Unknown", L"u", L"1"),
         Row(L"idle", L"Idle", L"i", L"1"),    Row(L"previous", L"Elsewhere", L"p", L"1"),
         Row(L"coming", L"Coming", L"k", L"1"), Row(L"fileabsent", L"Advertised", L"f", L"1"),
+        // The same value in other letters is the same value; under another root it is not.
+        Row(L"cased", L"Going", L"Path", L"1"), Row(L"cased-other", L"Staying", L"path", L"2", 0, L"SOFTWARE\\co"),
+        Row(L"rooted", L"Going", L"r", L"1"), Row(L"other-root", L"Staying", L"r", L"1"),
     };
     rows[9].condition = L"FALSE";
+    rows.back().root = 1;
     Resolve(rows);
     log.lines.clear();
     int locates = 0;
@@ -233,7 +237,7 @@ TEST_F(RegistryExDecisions, UninstallDecisionWithTheSharedValueCheck) {
     std::vector<std::wstring> ids;
     for (const RegistryExRow& row : PlanRegistryUninstall(rows, states, located, log)) ids.push_back(row.id);
     EXPECT_EQ(ids, (std::vector<std::wstring>{L"own", L"leaving", L"win64", L"deleter", L"condfalse", L"keyrow",
-                                              L"previous", L"fileabsent"}));
+                                              L"previous", L"fileabsent", L"rooted"}));
     EXPECT_EQ(locates, 2);  // only for an absent component without an action
     const std::vector<std::wstring> expected = {
         L"Skip uninstallation of registry row 'shared'. Other installed component write the same registry value. "

@@ -22,7 +22,9 @@ TEST(RegistryValue, RootsRedirectionAndBytes) {
     EXPECT_EQ(RedirectTo32(L"HKEY_CLASSES_ROOT\\CLSID\\{x}"), L"HKEY_CLASSES_ROOT\\Wow6432Node\\CLSID\\{x}");
     EXPECT_EQ(ObjectNameToSubkey(L"MACHINE\\SOFTWARE\\Co"), L"SOFTWARE\\Co");
     EXPECT_EQ(ObjectNameToSubkey(L"MACHINE\\SYSTEM\\Co"), L"MACHINE\\SYSTEM\\Co");
-    EXPECT_THROW(BytesToInteger({1, 2, 3}), Exception);
+    RecordingLogSink log;
+    EXPECT_THROW(BytesToInteger({1, 2, 3}, &log), Exception);
+    EXPECT_EQ(log.lines, std::vector<std::wstring>{L"Incorrect data size 3."});
     EXPECT_EQ(BytesToInteger({0x90, 0x1f, 0, 0, 9, 9, 9, 9}), 8080);
     EXPECT_EQ(BytesToQword(QwordBytes(5000000000ull)), 5000000000ull);
     EXPECT_EQ(RenderValue({L"n", kRegQword, QwordBytes(5000000000ull)}), L"5000000000");
