@@ -190,8 +190,13 @@ def write_idt(path, header, rows):
 class Package:
     """Builds one test package. Components hold files installed into INSTALLDIR."""
 
-    def __init__(self, name, directory=None):
+    def __init__(self, name, directory=None, by_hand=False):
+        """`by_hand`: the package an author writes from a table's contract alone:
+        the DLL as a Binary row, the test's own tables, CustomAction and
+        sequence rows, nothing from the kit."""
         self.name = name
+        self.by_hand = by_hand
+        self.features_off = set()  # features not installed (Level 0): their components have no action
         self.product_code = "{" + str(uuid.uuid4()).upper() + "}"
         self.upgrade_code = "{" + str(uuid.uuid4()).upper() + "}"
         self.directory = directory or f"SetupUtilsTest{uuid.uuid4().hex[:8]}"
@@ -271,7 +276,8 @@ class Package:
         <Directory Id="INSTALLDIR" Name="{self.directory}">{"".join(comps)}</Directory>
       </Directory>
     </Directory>
-    {"".join(f'<Feature Id="{f}" Level="1">{"".join(r)}</Feature>' for f, r in refs.items())}
+    {"".join(f'<Feature Id="{f}" Level="{0 if f in self.features_off else 1}">{"".join(r)}</Feature>'
+             for f, r in refs.items())}
   </Product>
 </Wix>
 """
@@ -295,15 +301,23 @@ class Package:
                           if (KIT / f"{t}.idt").exists() and read_idt(KIT / f"{t}.idt")[0] == header]
             actions = list(self.kit_actions) + [a["name"] for a in kitlib.load()["actions"]
                                                 if set(a.get("tables", [])) & set(self.tables)]
-            subprocess.run([str(ROOT / "tools" / "add-setup-utils"), str(msi), "--dll", str(DLL),
-                            "--tables", ",".join(kit_tables), "--actions", ",".join(actions)],
-                           check=True, capture_output=True)
             args = ["msibuild", str(msi)]
+            if self.by_hand:
+                (work / "Binary").mkdir()
+                shutil.copyfile(DLL, work / "Binary" / "SetupUtils.ibd")
+                write_idt(work / "Binary.idt", ["Name\tData", "s72\tv0", "Binary\tName"], [["SetupUtils", "SetupUtils.ibd"]])
+                write_idt(work / "CustomAction.idt", ["Action\tType\tSource\tTarget", "s72\ti2\tS64\tS0",
+                                                      "CustomAction\tAction"], self.custom_actions)
+                args += ["-i", str(work / "Binary.idt"), "-i", str(work / "CustomAction.idt")]
+            else:
+                subprocess.run([str(ROOT / "tools" / "add-setup-utils"), str(msi), "--dll", str(DLL),
+                                "--tables", ",".join(kit_tables), "--actions", ",".join(actions)],
+                               check=True, capture_output=True)
             for name, (header, rows) in self.tables.items():
                 path = work / f"{name}.idt"
                 write_idt(path, header, rows)
                 args += ["-i", str(path)]
-            for action, type_, source, target in self.custom_actions:
+            for action, type_, source, target in ([] if self.by_hand else self.custom_actions):
                 args += ["-q", f"INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) "
                                f"VALUES ('{action}', {type_}, '{source}', '{target}')"]
             for action, condition, seq in self.sequence:
@@ -315,7 +329,8 @@ class Package:
                     args += ["-q", f"INSERT INTO `InstallExecuteSequence` (`Action`, `Sequence`) "
                                    f"VALUES ('{action}', {seq})"]
             if len(args) > 2:
-                subprocess.run(args, check=True, capture_output=True)
+                # In the work folder: a Binary row's file is found relative to it.
+                subprocess.run(args, check=True, capture_output=True, cwd=work)
             return msi
         finally:
             shutil.rmtree(work, ignore_errors=True)

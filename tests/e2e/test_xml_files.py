@@ -126,6 +126,42 @@ class XmlFiles(InstallerCase):
         self.assertIn(f"Skip the xml file '{self.win}\\db.config': it does not exist.", deferred)
         self.assertIn(f"Nothing to take back in '{self.win}\\none.config': no edit of it was recorded.", deferred)
 
+    def test_repairs_take_backs_and_single_byte_encodings_keep_to_the_files(self):
+        cp, latin = self.root / "cp.xml", self.root / "latin.xml"
+        cp.write_bytes(b'<?xml version="1.0" encoding="windows-1252"?>\r\n<c city="caf\xe9" price="\x80"><a/><b/></c>\r\n')
+        latin.write_bytes(b"<?xml version='1.0' encoding='ISO-8859-1'?><c/>")
+        self.prefix.env["XML_CITY"] = "Z\u00fcrich \u20ac"  # a value the Latin-1 file can hold only in part
+        self.addCleanup(self.prefix.env.pop, "XML_CITY", None)
+        rows = [("Made", f"{self.win}\\cp.xml", "/c", CREATE, "made", "m", "", 1, 0),
+                ("City", f"{self.win}\\latin.xml", "/c", SET, "city", "[%XML_CITY]", "", 1, 0),
+                ("Note", f"{self.win}\\latin.xml", "/c", CREATE, "note", "kept", "", 2, PERMANENT),
+                ("Frag", f"{self.win}\\latin.xml", "/c", APPEND, "", '<p n="1"/>', "", 3, PERMANENT)]
+        package = self.package(rows)
+        self.run_expecting(0, package, "/i", log="install.log")
+        # The encodings stay, and what Latin-1 lacks is a character reference.
+        self.assertTrue(cp.read_bytes().startswith(b'<?xml version="1.0" encoding="windows-1252"?>\r\n'
+                                                   b'<c city="caf\xe9" price="\x80">'), cp.read_bytes())
+        self.assertIn(b"<made>m</made>", cp.read_bytes())
+        self.assertIn(b'city="Z\xfcrich &#x20ac;"', latin.read_bytes())
+        # A repair makes the permanent elements once, as the install did.
+        self.run_expecting(0, package, "/i", "REINSTALL=ALL", "REINSTALLMODE=vomus", log="repair.log")
+        self.assertEqual((latin.read_bytes().count(b"<note>"), latin.read_bytes().count(b"<p ")), (1, 1))
+        # A user removes an earlier sibling and adds an element of their own
+        # where the made one stood: uninstall leaves theirs.
+        cp.write_bytes(cp.read_bytes().replace(b"<a/>", b"").replace(b"</made>", b"</made><mine/>"))
+        log = self.run_expecting(0, package, "/x", log="uninstall.log")
+        self.assertIn(b"<mine/>", cp.read_bytes())
+        self.assertTrue(any("is now 'mine', not 'made'" in line for line in library_lines(log, "InstallXmlFilesDeferred")))
+        # A file whose encoding the library cannot keep is refused before any backup.
+        sjis = self.root / "sjis.xml"
+        sjis.write_bytes(b"<?xml version='1.0' encoding='Shift_JIS'?><c/>")
+        before = sorted(p.name for p in self.root.iterdir())
+        log = self.run_expecting(1603, self.package([("S", f"{self.win}\\sjis.xml", "/c", SET, "a", "b", "", 1, 0)]),
+                                 "/i", log="sjis.log")
+        self.assertIn(f"Refused to edit '{self.win}\\sjis.xml': The XML file declares the encoding 'shift_jis', which "
+                      "the library cannot keep. Error 0x80070057.", library_lines(log, "InstallXmlFilesDeferred"))
+        self.assertEqual(sorted(p.name for p in self.root.iterdir()), before)
+
     def test_bad_input_fails_clearly_and_changes_nothing(self):
         good = '<?xml version="1.0"?>\n<a><b/></a>\n'
         cases = [
