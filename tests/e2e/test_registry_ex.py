@@ -42,6 +42,7 @@ class RegistryEx(InstallerCase):
                 ("Expand", "2", k, "Expand", "#%%SystemRoot%\\x", "Main", "0", "", ""),
                 ("Dword", "2", k, "Dword", "#123", "Main", "0", "", ""),
                 ("Bin", "2", k, "Bin", "#x0A0B", "Main", "0", "", ""),
+                ("Odd", "2", k, "Odd", "#x0A0", "Main", "0", "", ""),  # a zero in front, as the Registry table reads it
                 ("Multi", "2", k, "Multi", "a[\\[]~[\\]]b", "Main", "0", "", ""),
                 ("Default", "2", k, "", "dflt", "Main", "0", "", ""),
                 ("Old", "2", k, "Old", "new", "Main", "0", "", ""),
@@ -68,6 +69,7 @@ class RegistryEx(InstallerCase):
         self.assertEqual(got["Str"], '"text RegOk"')
         self.assertEqual(got["Dword"], "dword:0000007b")
         self.assertEqual(got["Bin"], "hex:0a,0b")
+        self.assertEqual(got["Odd"], "hex:00,a0")
         self.assertEqual(got["Expand"], "hex(2):" + ",".join(f"{b:02x}" for b in "%SystemRoot%\\x\0".encode("utf-16-le")))
         self.assertEqual(got["Multi"], "hex(7):61,00,00,00,62,00,00,00,00,00")
         self.assertEqual(got["@"], '"dflt"')
@@ -97,13 +99,14 @@ class RegistryEx(InstallerCase):
     def test_uninstall_keeps_a_value_another_installed_component_writes(self):
         k = self.key
         rows = [("FromMain", "2", k, "Shared", "one", "Main", "0", "", ""),
-                ("FromExtra", "2", k, "Shared", "one", "Extra", "0", "", ""),
+                # The same value, written in other letters: the registry ignores their case.
+                ("FromExtra", "2", k.upper(), "SHARED", "one", "Extra", "0", "", ""),
                 ("OnlyExtra", "2", k, "Own", "two", "Extra", "0", "", "")]
         package = self.package("RegShared", rows, components=("Main", "Extra")).fail_at(2650, "FAILNOW")
         log = self.run_expecting(0, package, "/i")
         # Extra goes, Main stays: the shared value stays with it.
         log = self.run_expecting(0, package, "/i", "REMOVE=Extra", log="remove.log")
-        self.assertEqual(sorted(self.values(self.native)[self.native]), ["Shared"])
+        self.assertEqual([name.lower() for name in self.values(self.native)[self.native]], ["shared"])
         self.assertIn("Skip uninstallation of registry row 'FromExtra'. Other installed component write the same "
                       f"registry value. 'FromMain', 'Main', {k}, Shared, one.", library_lines(log, "UninstallRegFiles"))
         # An uninstall that fails puts the value and its key back. (Last: Wine's
@@ -122,7 +125,8 @@ class RegistryEx(InstallerCase):
                 ("FMulti", "2", k, "Multi", "x[\\[]~[\\]]y", "Main", "0", "", reg),
                 ("FDefault", "2", k, "", "dflt", "Main", "0", "", reg),
                 ("FGone", "2", k, "Gone", "", "Main", "1", "", reg),
-                ("FDrop", "2", k + "\\Drop", "-", "", "Main", "0", "", reg)]
+                ("FDrop", "2", k + "\\Drop", "-", "", "Main", "0", "", reg),
+                ("FCase", "2", k, "Cased", "x", "Main", "0", "", "[INSTALLDIR]Values.reg")]  # the same file
         self.reg("add", self.native, "/v", "Gone", "/t", "REG_SZ", "/d", "x", "/f")
         self.reg("add", self.native + "\\Drop\\Below", "/v", "v", "/t", "REG_SZ", "/d", "x", "/f")
         package = self.package("RegFile", rows)
@@ -142,6 +146,7 @@ class RegistryEx(InstallerCase):
         self.assertEqual(values["Bin"], "hex:de,ad,be,ef")
         self.assertEqual(values["Multi"], "hex(7):78,00,00,00,79,00,00,00,00,00")
         self.assertEqual(values["@"], '"dflt"')
+        self.assertEqual(values["Cased"], '"x"')
         self.assertNotIn("Gone", values)
         self.assertNotIn(self.native + "\\Drop", got)
 
