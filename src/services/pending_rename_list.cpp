@@ -90,7 +90,10 @@ PendingRenameRollback PlanPendingRenameRollback(const PendingRenameSnapshot& sna
     for (std::size_t i = before; i < current.size(); ++i) {
         const PendingRename& entry = current[i];
         const bool onto = prefixed.count(entry.target) != 0;
-        const bool deletion = entry.target.empty() && prefixed.count(entry.source) != 0;
+        // Wine's MoveFileExW, appending to a value of 0 bytes, writes its first
+        // entry one character early: "??\C:\..." for "\??\C:\...". That entry is ours too.
+        const bool mangled = i == before && entry.source.rfind(L"??\\", 0) == 0 && prefixed.count(L"\\" + entry.source) != 0;
+        const bool deletion = entry.target.empty() && (prefixed.count(entry.source) != 0 || mangled);
         if (!onto && !deletion) {
             plan.kept.push_back(entry);
             continue;

@@ -115,11 +115,12 @@ class TextFileFaults(FaultCase):
                       library_lines(log, "InstallTextFilesDeferred"))
 
     def test_foreign_rename_entries_stay_byte_for_byte(self):
-        for lock in ("1", "0"):
-            with self.subTest(LOCKFILESONUPDATE=lock):
-                package = self.package(f"FaultForeign{lock}", LOCKFILESONUPDATE=lock)
+        # Another program's entries, or an empty list of 0 bytes another program left.
+        for lock, value in (("1", utf16_hex(FOREIGN)), ("0", utf16_hex(FOREIGN)), ("1", b"")):
+            with self.subTest(LOCKFILESONUPDATE=lock, bytes=len(value)):
+                package = self.package(f"FaultForeign{lock}{len(value)}", LOCKFILESONUPDATE=lock)
                 self.existing("1.ini")
-                set_rename_value(self.prefix, utf16_hex(FOREIGN))
+                set_rename_value(self.prefix, value)
                 foreign = rename_value(self.prefix)
                 self.check(package)
                 self.assertEqual(rename_value(self.prefix), foreign)

@@ -74,8 +74,10 @@ TEST(PendingRenameRollback, PutsBackWhatWasThereAndWritesNothingWhenNothingIsOur
     const PendingRenameList ours = {{L"\\??\\C:\\b", L""}, {L"\\??\\C:\\t.tmp", L"\\??\\C:\\b"}};
     // No value before: nothing left means no value after, not an empty one.
     EXPECT_EQ(RunPlan({false, {}}, ours, {L"C:\\b"}).result.write, PendingRenameWrite::Remove);
-    // An empty value before stays an empty value.
+    // An empty value before stays an empty value, also when Wine wrote our first entry one character early.
     EXPECT_EQ(RunPlan({true, {}}, ours, {L"C:\\b"}).result.write, PendingRenameWrite::Write);
+    const Plan mangled = RunPlan({true, {}}, {{L"??\\C:\\b", L""}, ours[1]}, {L"C:\\b"});
+    EXPECT_EQ(mangled.result.kept, PendingRenameList{});
     // A snapshot longer than the list: someone trimmed it already.
     const Plan longer = RunPlan({true, {{L"1", L""}, {L"2", L""}, {L"3", L""}}}, ours, {L"C:\\b"});
     EXPECT_EQ(longer.result.write, PendingRenameWrite::None);
