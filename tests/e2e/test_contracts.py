@@ -32,11 +32,8 @@ class Contract(InstallerCase):
         self.count = getattr(self, "count", 0) + 1
         return self.count
 
-    def lines(self, log, *actions):
-        return [line for action in actions for line in library_lines(log, action)]
-
     def assertLines(self, expected, log, *actions):
-        got = self.lines(log, *actions)
+        got = [line for action in actions for line in library_lines(log, action)]
         for line in expected:
             self.assertIn(line, got)
 
@@ -66,10 +63,12 @@ class TextFileContract(Contract):
         # The first line unterminated, the second joined to it; no brackets in the logged copy.
         self.assertIn(f"Generated text file content:\nmainname={package.name}\n", log)
         self.assertEqual((folder / "app.ini").read_bytes().decode("utf-16"), f"[main]name={package.name}\r\n")
+        (folder / "app.ini").write_bytes(b"damaged")  # a repair writes it again; uninstall leaves it
         log = self.run_expecting(0, package, "/i", *REPAIR, log="repair.log")
         self.assertLines(["Need to install text line 'T1'. Component 'Main' to do 3."], log, *immediate)
         log = self.run_expecting(0, package, "/x", log="uninstall.log")
         self.assertLines(["Skip install text line 'T1'. Component 'Main' is not marked to install."], log, *immediate)
+        self.assertEqual((folder / "app.ini").read_bytes().decode("utf-16"), f"[main]name={package.name}\r\n")
         # Rollback puts back the file as it was.
         failing = self.package("TextFile", self.HEADER, rows, self.ACTIONS, [("InstallTextFiles", 4500)]).fail_at(6550)
         folder = failing.install_dir(self.prefix)
@@ -176,26 +175,32 @@ class EventManifestContract(Contract):
     def test_event_manifest_rows_install_repair_uninstall_and_roll_back(self):
         double = self.enterContext(WevtutilDouble(self.prefix, scratch_dir("wevtutil-original-contract")))
         double.use_in(self.prefix)
-        rows = [("Main", "[#main]"), ("Off", "[INSTALLDIR]off.man")]
+        rows = [("Main", "[#main]"), ("Main", "[INSTALLDIR]second.man"), ("Off", "[INSTALLDIR]off.man")]
         package = self.package("EventManifest", self.HEADER, rows, self.ACTIONS, self.SEQUENCE)
-        manifest = f"C:\\Program Files\\{package.directory}\\main.txt"
-        off = f"C:\\Program Files\\{package.directory}\\off.man"
+        folder = f"C:\\Program Files\\{package.directory}"
+        paths = [f"{folder}\\main.txt", f"{folder}\\second.man"]  # in table order
         log = self.run_expecting(0, package, "/i")
-        self.assertLines([f"Need to install event log manifest '{manifest}'. Component 'Main' to do 1.",
-                          f"Skip install event log manifest '{off}' for null-action component."], log,
+        self.assertLines([f"Need to install event log manifest '{paths[0]}'. Component 'Main' to do 1.",
+                          f"Skip install event log manifest '{folder}\\off.man' for null-action component."], log,
                          "InstallEventManifest")
+        self.assertLines([f"Skip uninstall event log manifest '{paths[1]}'. Component 'Main' is not marked to "
+                          "uninstall or reinstall."], log, "UninstallEventManifest")
+        self.assertLines([f"Start process: {double.command('im', paths[0])}.", "> wevtutil double: ok",
+                          "Process finished. ExitCode: '0'"], log, "InstallEventManifestDeferred")
         log = self.run_expecting(0, package, "/i", *REPAIR, log="repair.log")
-        self.assertLines([f"Need to install event log manifest '{manifest}'. Component 'Main' to do 3."], log,
+        self.assertLines([f"Need to install event log manifest '{paths[1]}'. Component 'Main' to do 3."], log,
                          "InstallEventManifest")
         log = self.run_expecting(0, package, "/x", log="uninstall.log")
-        self.assertLines([f"Need to uninstall event log manifest '{manifest}'. Component 'Main' to do 2."], log,
+        self.assertLines([f"Need to uninstall event log manifest '{paths[0]}'. Component 'Main' to do 2."], log,
                          "UninstallEventManifest")
-        # The repair unregisters and registers again (a reinstall is both actions' task).
-        self.assertEqual(double.calls(), [double.command(verb, manifest) for verb in ("im", "um", "im", "um")])
+        self.assertEqual(library_lines(log, "InstallEventManifestDeferred"), [])
+        # Registered in table order; a repair unregisters before its files are replaced and registers after.
+        self.assertEqual(double.calls(), [double.command(verb, p) for verb in ("im", "um", "im", "um") for p in paths])
         failing = self.package("EventManifest", self.HEADER, rows, self.ACTIONS, self.SEQUENCE).fail_at(6550)
         self.run_expecting(1603, failing, "/i", log="rollback.log")
-        manifest = f"C:\\Program Files\\{failing.directory}\\main.txt"
-        self.assertEqual(double.calls()[-2:], [double.command(verb, manifest) for verb in ("im", "um")])
+        folder = f"C:\\Program Files\\{failing.directory}"
+        paths = [f"{folder}\\main.txt", f"{folder}\\second.man"]
+        self.assertEqual(double.calls()[-4:], [double.command(verb, p) for verb in ("im", "um") for p in paths])
 
 
 if __name__ == "__main__":

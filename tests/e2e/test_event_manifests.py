@@ -28,36 +28,6 @@ class EventManifests(InstallerCase):
         self.paths = [f"C:\\Program Files\\{package.directory}\\{fname}" for _, fname in MANIFESTS]
         return package
 
-    def test_install_registers_in_table_order_repair_reregisters_and_uninstall_unregisters(self):
-        package = self.make()
-        log = self.run_expecting(0, package, "/i", log="install.log")
-        self.assertEqual(self.calls(), [command("im", p) for p in self.paths])
-        immediate = library_lines(log, "InstallEventManifest")
-        self.assertIn(f"Need to install event log manifest '{self.paths[0]}'. Component 'Manifests' to do 1.",
-                      immediate)
-        deferred = library_lines(log, "InstallEventManifestDeferred")
-        self.assertIn(f"Start process: {command('im', self.paths[0])}.", deferred)
-        self.assertIn("> wevtutil double: ok", deferred)  # the child's output, from the reader thread
-        self.assertIn("Process finished. ExitCode: '0'", deferred)
-        self.assertEqual(library_lines(log, "UninstallEventManifest")[1:-1],
-                         [f"Skip uninstall event log manifest '{p}'. Component 'Manifests' is not marked to "
-                          "uninstall or reinstall." for p in self.paths])
-
-        # A repair reinstalls the component: unregistered before its files are
-        # replaced, registered again after.
-        self.double.calls_path.unlink()
-        log = self.run_expecting(0, package, "/i", "REINSTALL=ALL", "REINSTALLMODE=vomus", log="repair.log")
-        self.assertEqual(self.calls(), [command("um", p) for p in self.paths] + [command("im", p) for p in self.paths])
-        self.assertIn(f"Need to install event log manifest '{self.paths[1]}'. Component 'Manifests' to do 3.",
-                      library_lines(log, "InstallEventManifest"))
-
-        self.double.calls_path.unlink()
-        log = self.run_expecting(0, package, "/x", log="uninstall.log")
-        self.assertEqual(self.calls(), [command("um", p) for p in self.paths])
-        self.assertIn(f"Need to uninstall event log manifest '{self.paths[2]}'. Component 'Manifests' to do 2.",
-                      library_lines(log, "UninstallEventManifest"))
-        self.assertEqual(library_lines(log, "InstallEventManifestDeferred"), [])
-
     def test_failed_registration_fails_the_install_and_rollback_unregisters_every_manifest(self):
         package = self.make()
         self.fail_when((command("im", self.paths[1]), 5), (command("um", self.paths[2]), 7))

@@ -5,11 +5,10 @@ foreign value byte for byte, and the log says why a row was refused."""
 
 import os
 import re
-import shutil
 import unittest
 
 from cabinet import cabinet_bytes
-from machine_state import (MachineState, WevtutilDouble, differences, export_key, fresh_folder, registry_values,
+from machine_state import (MachineState, WevtutilDouble, differences, fresh_folder, registry_values,
                            rename_value, set_rename_value, utf16_hex)
 from msipackage import TEST_TOOLS, WOW, InstallerCase, Package, library_lines, scratch_dir
 
@@ -47,18 +46,6 @@ class Hostile(InstallerCase):
                               library_lines(log, "InstallTextFilesDeferred"))
                 after = MachineState(self.prefix, [self.outside, self.folder]).capture()
                 self.assertEqual(differences(before, after), [])
-
-    def test_links_planted_at_every_old_staging_name_are_never_opened(self):
-        package = self.text_package("HostileStaging", [("L1", "[INSTALLDIR]app.ini", "new", "Main", "")],
-                                    LOCKFILESONUPDATE="1")
-        (self.folder / "app.ini").write_bytes(b"old")
-        for n in range(0x10000):  # every name GetTempFileNameW could have chosen
-            os.symlink(self.secret, self.folder / f"TMP{n:X}.tmp")
-        self.run_expecting(0, package, "/i")
-        self.assertEqual(self.secret.read_bytes(), b"outside bytes")
-        staged = [src for src, dst in self.prefix.pending_renames() if dst.endswith("app.ini")]
-        self.assertEqual(len(staged), 1)
-        self.assertRegex(staged[0], r"\\TMP[0-9a-f]{32}\.tmp$")
 
     def test_relative_and_malformed_paths_fail_the_row_before_anything_runs(self):
         cases = {

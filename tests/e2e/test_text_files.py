@@ -124,18 +124,6 @@ class TextFiles(InstallerCase):
         self.assertIn("The component is empty in L1 Error 0x80004005.", immediate)
         self.assertEqual(immediate[-1], "InstallTextFiles: finished. Return value 1603.")
 
-    def test_repair_writes_again_and_uninstall_leaves_the_files(self):
-        package = self.make([("L1", "[INSTALLDIR]kept.ini", "kept", "Main", "")])
-        target = package.install_dir(self.prefix) / "kept.ini"
-        log = self.run_expecting(0, package, "/i")
-        target.write_bytes(b"damaged")
-        log = self.run_expecting(0, package, "/i", "REINSTALL=ALL", "REINSTALLMODE=vomus", log="repair.log")
-        self.assertIn("Need to install text line 'L1'. Component 'Main' to do 3.", library_lines(log, "InstallTextFiles"))
-        self.assertEqual(target.read_bytes(), utf16("kept"))
-        log = self.run_expecting(0, package, "/x", log="uninstall.log")
-        self.assertIn("Skip install text line 'L1'. Component 'Main' is not marked to install.",
-                      library_lines(log, "InstallTextFiles"))
-        self.assertEqual(target.read_bytes(), utf16("kept"))
 
 
 if __name__ == "__main__":
