@@ -207,6 +207,25 @@ class Package:
         self.custom_actions = []  # the test's own rows: Action, Type, Source, Target
         self.sequence = []       # the test's own rows: Action, Condition, Sequence
         self.tables = {}         # table name -> (header, rows)
+        self.version = "1.0.0"
+        self.component_guids = {}  # component -> its GUID, drawn at the first build
+        self.removes_old_at = None  # the sequence of RemoveExistingProducts in a major upgrade
+
+    def major_upgrade(self, name, remove_at=6601):
+        """The next version of this product as a major upgrade: same upgrade
+        code and component GUIDs, a new ProductCode, and RemoveExistingProducts
+        at `remove_at` (after InstallFinalize by default: the old product goes
+        after the new one is installed; None: no upgrade rows, both products
+        stay). Components and tables are copied."""
+        new = Package(name, self.directory, self.by_hand)
+        new.upgrade_code = self.upgrade_code
+        new.component_guids = self.component_guids
+        new.version = "2.0.0"
+        new.removes_old_at = remove_at
+        new.components, new.features = dict(self.components), dict(self.features)
+        new.properties, new.tables = dict(self.properties), dict(self.tables)
+        new.kit_actions = list(self.kit_actions)
+        return new
 
     def add_component(self, component, files=(), feature="Complete"):
         self.components[component] = list(files)
@@ -252,7 +271,7 @@ class Package:
     def _wxs(self, work):
         comps, refs = [], {}
         for i, (component, files) in enumerate(self.components.items()):
-            guid = "{" + str(uuid.uuid4()).upper() + "}"
+            guid = self.component_guids.setdefault(component, "{" + str(uuid.uuid4()).upper() + "}")
             file_xml = []
             for fid, fname, content in files:
                 src = f"{fid}.src"  # wixl takes sources relative to its working directory
@@ -264,9 +283,11 @@ class Package:
             comps.append(f'<Component Id="{component}" Guid="{guid}" Win64="yes">{"".join(file_xml)}</Component>')
             refs.setdefault(self.features.get(component, "Complete"), []).append(f'<ComponentRef Id="{component}"/>')
         props = "".join(f'<Property Id="{k}" Value="{v}"/>' for k, v in self.properties.items())
+        if self.removes_old_at is not None:
+            props += '<MajorUpgrade DowngradeErrorMessage="A newer version is installed."/>'
         return f"""<?xml version="1.0" encoding="utf-8"?>
 <Wix xmlns="http://schemas.microsoft.com/wix/2006/wi">
-  <Product Id="{self.product_code}" Name="{self.name}" Language="1033" Version="1.0.0"
+  <Product Id="{self.product_code}" Name="{self.name}" Language="1033" Version="{self.version}"
            Manufacturer="Setup Utils" UpgradeCode="{self.upgrade_code}">
     <Package InstallerVersion="500" Compressed="yes" InstallScope="perMachine"/>
     <Media Id="1" Cabinet="data.cab" EmbedCab="yes"/>
@@ -320,6 +341,9 @@ class Package:
             for action, type_, source, target in ([] if self.by_hand else self.custom_actions):
                 args += ["-q", f"INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) "
                                f"VALUES ('{action}', {type_}, '{source}', '{target}')"]
+            if self.removes_old_at is not None:
+                args += ["-q", f"UPDATE `InstallExecuteSequence` SET `Sequence` = {self.removes_old_at} "
+                               "WHERE `Action` = 'RemoveExistingProducts'"]
             for action, condition, seq in self.sequence:
                 if condition:
                     cond = condition.replace("'", "''")

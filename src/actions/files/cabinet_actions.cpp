@@ -16,6 +16,7 @@
 #include "services/file_operations.h"
 #include "services/file_write.h"
 #include "services/path.h"
+#include "services/record_heirs.h"
 #include "services/record_store.h"
 #include "services/work_folder.h"
 
@@ -378,29 +379,42 @@ void CarryOut(const CabinetActionData& data) {
             RollbackItem(item);
         }
     }
+    CarryOutHandovers(L"CabPackage", data.product, data.handovers, &MergeCabinetRecordTexts);
     WriteWarnings(data.warningsFile, warnings);
 }
 
 void Plan(Session& session, bool uninstalling) {
-    const std::optional<std::vector<CabinetRow>> rows = ReadRows(session);
+    std::optional<std::vector<CabinetRow>> rows = ReadRows(session);
     if (!rows) return;
     SessionComponentStates states(session);
     InstallerCabinetMachine machine;
     ProgramLogSink log;
-    const std::vector<CabinetItem> items =
-        PlanCabinets(*rows, states, uninstalling, session.GetProperty(L"ProductCode"), machine, log);
+    const std::wstring product = session.GetProperty(L"ProductCode");
     CabinetActionData system, user;
+    system.product = user.product = product;
+    if (uninstalling) {
+        // Records that pass to another product are not taken back here.
+        std::vector<RecordRow> recorded;
+        for (const CabinetRow& row : *rows) recorded.push_back({row.id, row.component, (row.attributes & PerUser) != 0});
+        InstallerRecordHeirs heirs(session, L"CabPackage");
+        for (RecordHandover& handover :
+             PlanRecordHandovers(recorded, states, ProductRemovalOf(session), heirs, L"cabinet", log)) {
+            std::erase_if(*rows, [&](const CabinetRow& row) { return row.id == handover.id; });
+            (handover.perUser ? user : system).handovers.push_back(std::move(handover));
+        }
+    }
+    const std::vector<CabinetItem> items = PlanCabinets(*rows, states, uninstalling, product, machine, log);
     for (const CabinetItem& item : items) ((item.attributes & PerUser) ? user : system).items.push_back(item);
     const std::wstring warnings = session.GetProperty(L"InstallationWarningsFilePath");
     system.warningsFile = user.warningsFile = warnings;
     // The rollback first: it must be in the script before the work it takes back.
     for (const auto& [data, suffix] : {std::pair{&system, L""}, std::pair{&user, L"User"}}) {
-        if (!data->items.empty()) {
+        if (!data->items.empty() || !data->handovers.empty()) {
             session.ScheduleDeferred(std::wstring(L"InstallCabsRollback") + suffix, EncodeCabinetActionData(*data));
         }
     }
     for (const auto& [data, suffix] : {std::pair{&system, L""}, std::pair{&user, L"User"}}) {
-        if (data->items.empty()) continue;
+        if (data->items.empty() && data->handovers.empty()) continue;
         const std::wstring text = EncodeCabinetActionData(*data);
         session.ScheduleDeferred(std::wstring(L"InstallCabsDeferred") + suffix, text);
         session.ScheduleDeferred(std::wstring(L"InstallCabsCommit") + suffix, text);
@@ -423,6 +437,7 @@ void InstallCabsDeferredUser(Session& session) { InstallCabsDeferred(session); }
 void InstallCabsRollback(Session& session) {
     Wow64FsRedirectionGuard redirection;
     const CabinetActionData data = DecodeCabinetActionData(session.CustomActionData());
+    RollbackHandovers(L"CabPackage", data.product, data.handovers);
     for (auto it = data.items.rbegin(); it != data.items.rend(); ++it) RollbackItem(*it);
 }
 

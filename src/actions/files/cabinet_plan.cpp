@@ -68,6 +68,11 @@ CabinetRecord MergeCabinetRecords(const CabinetRecord& earlier, const CabinetRec
     return merged;
 }
 
+std::wstring MergeCabinetRecordTexts(const std::wstring& ours, const std::optional<std::wstring>& heirs) {
+    return EncodeCabinetRecord(MergeCabinetRecords(DecodeCabinetRecord(ours),
+                                                   heirs ? DecodeCabinetRecord(*heirs) : CabinetRecord{}));
+}
+
 std::wstring CabinetNameProblem(std::wstring_view name) {
     if (name.empty()) return L"the name is empty";
     if (name.front() == L'\\' || name.front() == L'/') return L"it begins with a separator";
@@ -176,6 +181,10 @@ std::wstring EncodeCabinetActionData(const CabinetActionData& data) {
     PropertyMap top;
     top.Set(L"cabs", EncodeItems(data.items));
     if (!data.warningsFile.empty()) top.Set(L"wrn", data.warningsFile);
+    if (!data.handovers.empty()) {
+        top.Set(L"pc", data.product);
+        top.Set(L"ho", EncodeRecordHandovers(data.handovers));
+    }
     return EncodeActionData(top);
 }
 
@@ -183,6 +192,8 @@ CabinetActionData DecodeCabinetActionData(std::wstring_view text) {
     const PropertyMap top = DecodeActionData(text);
     CabinetActionData data;
     data.warningsFile = top.Get(L"wrn");
+    data.product = top.Get(L"pc");
+    data.handovers = DecodeRecordHandovers(top.View(L"ho"));
     for (const PropertyMap& record : DecodeRecordList(top.View(L"cabs"))) {
         CabinetItem item;
         item.id = record.Get(L"id");

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "runtime/component_decision.h"
+#include "runtime/record_heir.h"
 #include "runtime/log_sink.h"
 
 namespace setup {
@@ -50,6 +51,9 @@ CabinetRecord DecodeCabinetRecord(std::wstring_view text);
 // The record after an extraction: the earlier one's entries, then the new ones
 // it does not hold yet (letter case ignored).
 CabinetRecord MergeCabinetRecords(const CabinetRecord& earlier, const CabinetRecord& added);
+// A record handed over to the product that keeps the files: the heir's target
+// wins, the files and folders of both are kept.
+std::wstring MergeCabinetRecordTexts(const std::wstring& ours, const std::optional<std::wstring>& heirs);
 
 // One row's work. `work` is the row's work folder beside the target: the new
 // files arrive in work\new, replaced and removed files wait in work\old, and
@@ -115,6 +119,8 @@ std::vector<JournalEntry> DecodeJournal(std::wstring_view text);
 struct CabinetActionData {
     std::vector<CabinetItem> items;
     std::wstring warningsFile;
+    std::wstring product;                   // with handovers: the ProductCode they leave
+    std::vector<RecordHandover> handovers;  // uninstall: records that pass to another product
 };
 
 std::wstring EncodeCabinetActionData(const CabinetActionData& data);

@@ -15,6 +15,7 @@
 #include "services/file_restore.h"
 #include "services/file_write.h"
 #include "services/path.h"
+#include "services/record_heirs.h"
 #include "services/record_store.h"
 #include "services/xml_document.h"
 
@@ -418,14 +419,25 @@ void HideSecretData(const Session& session, const std::vector<XmlFileItem>& item
 
 void Plan(Session& session, bool uninstalling) {
     Wow64FsRedirectionGuard redirection;
-    const std::optional<std::vector<XmlFileRow>> rows = ReadRows(session);
+    std::optional<std::vector<XmlFileRow>> rows = ReadRows(session);
     if (!rows) return;
     SessionComponentStates states(session);
     InstallerXmlFileMachine machine;
     ProgramLogSink log;
     XmlFileActionData data;
+    if (uninstalling) {
+        // Records that pass to another product are not taken back here.
+        std::vector<RecordRow> recorded;
+        for (const XmlFileRow& row : *rows) recorded.push_back({row.id, row.component});
+        InstallerRecordHeirs heirs(session, L"XmlFile");
+        data.handovers = PlanRecordHandovers(recorded, states, ProductRemovalOf(session), heirs, L"xml edit", log);
+        std::erase_if(*rows, [&](const XmlFileRow& row) {
+            return std::any_of(data.handovers.begin(), data.handovers.end(),
+                               [&](const RecordHandover& handover) { return handover.id == row.id; });
+        });
+    }
     data.items = PlanXmlFiles(*rows, states, uninstalling, machine, log);
-    if (data.items.empty()) return;
+    if (data.items.empty() && data.handovers.empty()) return;
     data.product = session.GetProperty(L"ProductCode");
     HideSecretData(session, data.items);
     XmlFileActionData rollback = data;
@@ -447,6 +459,7 @@ void InstallXmlFilesDeferred(Session& session) {
     Wow64FsRedirectionGuard redirection;
     const XmlFileActionData data = DecodeXmlFileActionData(session.CustomActionData());
     for (const XmlFileItem& item : data.items) EditFile(item, data.product);
+    CarryOutHandovers(L"XmlFile", data.product, data.handovers, &MergeXmlUndo);
 }
 
 void InstallXmlFilesRollback(Session& session) {
@@ -465,6 +478,7 @@ void InstallXmlFilesRollback(Session& session) {
     for (const XmlRecordValue& record : data.records) {
         Leniently([&] { WriteRecord(data.product, record.id, record.text); });
     }
+    RollbackHandovers(L"XmlFile", data.product, data.handovers);
 }
 
 void InstallXmlFilesCommit(Session& session) {

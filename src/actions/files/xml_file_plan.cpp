@@ -506,6 +506,15 @@ std::vector<XmlUndoStep> DecodeXmlUndo(std::wstring_view text) {
     return steps;
 }
 
+std::wstring MergeXmlUndo(const std::wstring& ours, const std::optional<std::wstring>& heirs) {
+    std::vector<XmlUndoStep> steps = DecodeXmlUndo(ours);
+    if (heirs) {
+        const std::vector<XmlUndoStep> later = DecodeXmlUndo(*heirs);
+        steps.insert(steps.end(), later.begin(), later.end());
+    }
+    return EncodeXmlUndo(steps);
+}
+
 std::wstring EncodeXmlFileActionData(const XmlFileActionData& data) {
     std::vector<PropertyMap> files;
     for (const XmlFileItem& item : data.items) {
@@ -527,6 +536,7 @@ std::wstring EncodeXmlFileActionData(const XmlFileActionData& data) {
     top.Set(L"files", EncodeRecordList(files));
     top.Set(L"pc", data.product);
     if (!records.empty()) top.Set(L"rec", EncodeRecordList(records));
+    if (!data.handovers.empty()) top.Set(L"ho", EncodeRecordHandovers(data.handovers));
     return EncodeActionData(top);
 }
 
@@ -542,6 +552,7 @@ XmlFileActionData DecodeXmlFileActionData(std::wstring_view text) {
         if (r.Contains(L"text")) record.text = r.Get(L"text");
         data.records.push_back(std::move(record));
     }
+    data.handovers = DecodeRecordHandovers(top.View(L"ho"));
     return data;
 }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "runtime/component_decision.h"
+#include "runtime/record_heir.h"
 #include "runtime/log_sink.h"
 #include "services/xml_namespaces.h"
 
@@ -183,6 +184,9 @@ std::wstring ContentHash(std::wstring_view xml);
 
 std::wstring EncodeXmlUndo(const std::vector<XmlUndoStep>& steps);
 std::vector<XmlUndoStep> DecodeXmlUndo(std::wstring_view text);
+// A record handed over to the product that keeps the work: this product's
+// steps were made first, so they are taken back last.
+std::wstring MergeXmlUndo(const std::wstring& ours, const std::optional<std::wstring>& heirs);
 
 // The data of the scheduled actions: the files, the product, and for
 // rollback the records as they stood (id, text; no text: none).
@@ -196,6 +200,7 @@ struct XmlFileActionData {
     std::vector<XmlFileItem> items;
     std::wstring product;
     std::vector<XmlRecordValue> records;
+    std::vector<RecordHandover> handovers;  // uninstall: records that pass to another product
 };
 
 std::wstring EncodeXmlFileActionData(const XmlFileActionData& data);
