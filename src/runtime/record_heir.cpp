@@ -38,8 +38,9 @@ std::vector<RecordHandover> PlanRecordHandovers(const std::vector<RecordRow>& ro
         if (!text) continue;
         RecordHandover handover{row.id, row.perUser, {}, *text, {}};
         if (kept) {
-            // The upgrading product first, when it is one of the clients.
-            std::vector<std::wstring> clients = lookup.OtherClients(row.component);
+            // The other clients, the upgrading product first when it is one.
+            std::vector<std::wstring> clients = lookup.Clients(row.component);
+            std::erase_if(clients, [&](const std::wstring& client) { return SameCode(client, removal.product); });
             const auto upgrading = std::find_if(clients.begin(), clients.end(), [&](const std::wstring& client) {
                 return SameCode(client, removal.upgrading);
             });

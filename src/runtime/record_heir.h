@@ -45,8 +45,8 @@ struct RecordHandover {
 class RecordHeirLookup {
 public:
     virtual ~RecordHeirLookup() = default;
-    // The products other than this one that the component is installed for.
-    virtual std::vector<std::wstring> OtherClients(std::wstring_view component) = 0;
+    // The products the component is installed for (this one among them, or not).
+    virtual std::vector<std::wstring> Clients(std::wstring_view component) = 0;
     // The product's record of the row, or nothing.
     virtual std::optional<std::wstring> ReadRecord(const std::wstring& product, const RecordRow& row) = 0;
 };

@@ -32,7 +32,7 @@ ProductRemoval ProductRemovalOf(const Session& session) {
             session.GetProperty(L"UPGRADINGPRODUCTCODE")};
 }
 
-std::vector<std::wstring> InstallerRecordHeirs::OtherClients(std::wstring_view component) {
+std::vector<std::wstring> InstallerRecordHeirs::Clients(std::wstring_view component) {
     if (const auto known = clients_.find(component); known != clients_.end()) return known->second;
     std::vector<std::wstring> clients;
     View view = session_.ActiveDatabase().OpenView(L"SELECT `ComponentId` FROM `Component` WHERE `Component` = ?");
@@ -41,11 +41,10 @@ std::vector<std::wstring> InstallerRecordHeirs::OtherClients(std::wstring_view c
     view.Execute(parameters);
     const std::optional<Record> row = view.Fetch();
     const std::wstring guid = row ? row->GetString(1) : std::wstring();
-    const std::wstring self = session_.GetProperty(L"ProductCode");
     for (DWORD index = 0; !guid.empty(); ++index) {
         wchar_t product[39] = {};
         if (::MsiEnumClientsW(guid.c_str(), index, product) != ERROR_SUCCESS) break;
-        if (!SameText(product, self)) clients.emplace_back(product);
+        clients.emplace_back(product);
     }
     clients_.emplace(std::wstring(component), clients);
     return clients;

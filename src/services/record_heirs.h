@@ -23,7 +23,7 @@ ProductRemoval ProductRemovalOf(const Session& session);
 class InstallerRecordHeirs final : public RecordHeirLookup {
 public:
     InstallerRecordHeirs(Session session, std::wstring family) : session_(session), family_(std::move(family)) {}
-    std::vector<std::wstring> OtherClients(std::wstring_view component) override;
+    std::vector<std::wstring> Clients(std::wstring_view component) override;
     std::optional<std::wstring> ReadRecord(const std::wstring& product, const RecordRow& row) override;
 
 private:

@@ -11,7 +11,7 @@ namespace {
 
 class FakeHeirs : public RecordHeirLookup {
 public:
-    std::vector<std::wstring> OtherClients(std::wstring_view) override { return clients; }
+    std::vector<std::wstring> Clients(std::wstring_view) override { return clients; }
     std::optional<std::wstring> ReadRecord(const std::wstring& product, const RecordRow& row) override {
         const auto it = records.find(product + L"/" + row.id);
         if (it == records.end()) return std::nullopt;
@@ -42,7 +42,7 @@ TEST(RecordHeir, KeptComponentsAndUpgradesHandTheirRecordsOver) {
     // The whole product goes while another keeps the component (the upgrading
     // product first, whatever the letter case); an uninstalled component
     // passes only to an upgrading product that recorded the same row.
-    lookup.clients = {L"{OTHER}", L"{new}"};
+    lookup.clients = {L"{old}", L"{OTHER}", L"{new}"};
     RecordingLogSink log;
     std::vector<RecordHandover> handovers = plan(true, L"{NEW}", log);
     ASSERT_EQ(handovers.size(), 2u);
@@ -62,7 +62,8 @@ TEST(RecordHeir, KeptComponentsAndUpgradesHandTheirRecordsOver) {
     handovers = plan(true, L"{NEW}", alone);
     ASSERT_EQ(handovers.size(), 1u);
     EXPECT_EQ(handovers[0].heir, L"{new}");
-    lookup.clients.clear();
+    EXPECT_EQ(plan(true, L"", alone)[0].heir, L"{OTHER}");
+    lookup.clients = {L"{OLD}"};
     handovers = plan(true, L"", alone);
     ASSERT_EQ(handovers.size(), 1u);
     EXPECT_EQ(handovers[0].heir, L"");
