@@ -7,9 +7,12 @@
 Generated: one IDT file per custom table (its definition), CustomAction.idt,
 InstallExecuteSequence.idt and InstallUISequence.idt (the recommended rows),
 Error.idt (the library's error texts), _Validation.idt (rows for every custom
-column) and wix/SetupUtils.wxs (a WiX fragment: Binary, CustomAction elements,
-scheduling, CustomTable definitions). tools/add-setup-utils merges the same
-rows into an existing package.
+column) and setup-utils.sql. tools/add-setup-utils merges the same rows into
+an existing package. There is no WiX source form: wixl compiles custom action
+types wrongly (rollback and commit actions lose their bits, immediate ones
+gain 0x800, HideTarget is dropped) and misplaces Before/After scheduling, so
+the one route for WiX products is to compile the product as it is and run
+tools/add-setup-utils on the .msi.
 """
 
 import json
@@ -131,50 +134,6 @@ def merge_sql(kit):
     return "\n".join(lines) + "\n"
 
 
-def wix_fragment(kit):
-    """A WiX source fragment: Binary, custom actions, scheduling and table definitions."""
-    out = ['<?xml version="1.0" encoding="utf-8"?>',
-           "<!-- Generated from packaging/kit.json by tools/kit.py: do not edit. -->",
-           '<Wix xmlns="http://schemas.microsoft.com/wix/2006/wi">', "  <Fragment>",
-           f'    <Binary Id="{kit["binary"]}" SourceFile="$(var.SetupUtilsDll)"/>']
-    for a in kit["actions"]:
-        t = a["type"]
-        execute = "commit" if t & COMMIT else "rollback" if t & ROLLBACK else "deferred" if t & DEFERRED else \
-            "immediate"
-        attrs = [f'Id="{a["name"]}"', f'BinaryKey="{kit["binary"]}"', f'DllEntry="{a.get("entry", a["name"])}"',
-                 f'Execute="{execute}"', 'Return="check"']
-        if t & DEFERRED:
-            attrs.append(f'Impersonate="{"no" if t & NO_IMPERSONATE else "yes"}"')
-        if t & HIDE_TARGET:
-            attrs.append('HideTarget="yes"')
-        out.append(f"    <CustomAction {' '.join(attrs)}/>")
-    for ui in (False, True):
-        rows = [a for a in kit["actions"] if "sequence" in a and (not ui or a.get("ui"))]
-        out.append(f"    <{'InstallUISequence' if ui else 'InstallExecuteSequence'}>")
-        for a in rows:
-            anchor = f'Before="{a["before"]}"' if "before" in a else f'After="{a["after"]}"' if "after" in a else \
-                f'Sequence="{a["sequence"]}"'
-            out.append(f'      <Custom Action="{a["name"]}" {anchor}>{a.get("condition", "")}</Custom>')
-        out.append(f"    </{'InstallUISequence' if ui else 'InstallExecuteSequence'}>")
-    for name, table in kit["tables"].items():
-        out.append(f'    <CustomTable Id="{name}">')
-        for c in table["columns"]:
-            kind, size = c["type"][0], c["type"][1:]
-            attrs = [f'Id="{c["name"]}"', f'Type="{"int" if kind in "iI" else "string"}"', f'Width="{size}"',
-                     f'Nullable="{"yes" if kind.isupper() else "no"}"']
-            if c.get("key"):
-                attrs.append('PrimaryKey="yes"')
-            if c.get("keyTable"):
-                attrs += [f'KeyTable="{c["keyTable"]}"', f'KeyColumn="{c["keyColumn"]}"']
-            if c.get("category"):
-                attrs.append(f'Category="{c["category"]}"')
-            attrs.append(f'Description="{c.get("description", "")}"')
-            out.append(f"      <Column {' '.join(attrs)}/>")
-        out.append("    </CustomTable>")
-    out += ["  </Fragment>", "</Wix>", ""]
-    return "\n".join(out)
-
-
 def generated(kit):
     """Every generated file: path relative to packaging/ -> content."""
     files = {f"{name}.idt": table_idt(name, table) for name, table in kit["tables"].items()}
@@ -185,7 +144,6 @@ def generated(kit):
                                     sequence_rows(kit, ui))
     files["Error.idt"] = idt([["Error", "Message"], ["i2", "L0"], ["Error", "Error"]], error_rows(kit))
     files["_Validation.idt"] = idt(VALIDATION_HEADER, validation_rows(kit))
-    files["wix/SetupUtils.wxs"] = wix_fragment(kit)
     files["setup-utils.sql"] = merge_sql(kit)
     return files
 

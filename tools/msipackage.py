@@ -331,20 +331,30 @@ class Package:
                                                       "CustomAction\tAction"], self.custom_actions)
                 args += ["-i", str(work / "Binary.idt"), "-i", str(work / "CustomAction.idt")]
             else:
+                # As an author does it: the kit's tool, the rows from a rows
+                # file. A row with a tab or a line break, which a rows file
+                # cannot hold, and loosened tables are imported whole below.
+                blocks = [(name, header[0].split("\t"), rows) for name, (header, rows) in self.tables.items()
+                          if name in kit_tables and not any(set(c) & set("\t\r\n") for r in rows for c in r)]
+                blocks.append(("CustomAction", ["Action", "Type", "Source", "Target"], self.custom_actions))
+                blocks.append(("InstallExecuteSequence", ["Action", "Condition", "Sequence"], self.sequence))
+                text = "".join(f"[{name}]\n" + "\t".join(columns) + "\n" +
+                               "".join("\t".join(map(str, row)) + "\n" for row in rows)
+                               for name, columns, rows in blocks if rows)
+                (work / "rows.tsv").write_text(text, encoding="utf-8")
                 subprocess.run([str(ROOT / "tools" / "add-setup-utils"), str(msi), "--dll", str(DLL),
-                                "--tables", ",".join(kit_tables), "--actions", ",".join(actions)],
-                               check=True, capture_output=True)
+                                "--tables", ",".join(kit_tables), "--actions", ",".join(actions),
+                                "--rows", str(work / "rows.tsv")], check=True, capture_output=True)
             for name, (header, rows) in self.tables.items():
+                if not self.by_hand and name in kit_tables and f"[{name}]\n" in text:
+                    continue
                 path = work / f"{name}.idt"
                 write_idt(path, header, rows)
                 args += ["-i", str(path)]
-            for action, type_, source, target in ([] if self.by_hand else self.custom_actions):
-                args += ["-q", f"INSERT INTO `CustomAction` (`Action`, `Type`, `Source`, `Target`) "
-                               f"VALUES ('{action}', {type_}, '{source}', '{target}')"]
             if self.removes_old_at is not None:
                 args += ["-q", f"UPDATE `InstallExecuteSequence` SET `Sequence` = {self.removes_old_at} "
                                "WHERE `Action` = 'RemoveExistingProducts'"]
-            for action, condition, seq in self.sequence:
+            for action, condition, seq in (self.sequence if self.by_hand else []):
                 if condition:
                     cond = condition.replace("'", "''")
                     args += ["-q", f"INSERT INTO `InstallExecuteSequence` (`Action`, `Condition`, `Sequence`) "

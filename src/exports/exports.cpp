@@ -9,6 +9,7 @@
 #include "actions/registry/registry_ex_actions.h"
 #include "actions/registry/registry_fixups.h"
 #include "actions/system/event_manifest_actions.h"
+#include "actions/system/force_rollback.h"
 #include "actions/system/os_version_info.h"
 #include "actions/system/well_known_sids.h"
 #include "runtime/action_frame.h"
@@ -67,3 +68,5 @@ UTILS_ACTION(GetOsVersionInfo, OsVersionInfo)
 UTILS_ACTION(FixQwordRegistry, RegistryFixups)
 UTILS_ACTION(FixQwordRegistryRollback, None)
 UTILS_ACTION(FixRegistryIntegerProperties, RegistryFixups)
+
+UTILS_ACTION(ForceRollback, None)

@@ -26,9 +26,12 @@ UINT RunWork(MSIHANDLE hInstall, ActionError error, const ActionWork& work) {
         if (failure.kind == CaughtFailure::Kind::Canceled) return ERROR_INSTALL_USEREXIT;
         const int errorNumber = static_cast<int>(error);
         if (errorNumber != 0) {
-            std::vector<std::wstring> texts;
-            if (failure.kind == CaughtFailure::Kind::Failure) texts.push_back(failure.userMessage);
-            CaErrorMessage(errorNumber, failure.code, kInstallMessageError, texts);
+            // The dialog says why: the failure's own words for users when it
+            // has them, else the logged reason (secrets masked as in the log).
+            std::wstring reason = failure.userMessage;
+            if (reason.empty()) reason = MaskLogSecrets(failure.reason);
+            if (!reason.empty() && reason.back() == L'.') reason.pop_back();  // the template adds its own
+            CaErrorMessage(errorNumber, failure.code, kInstallMessageError, {reason});
         }
         return ERROR_INSTALL_FAILURE;
     }

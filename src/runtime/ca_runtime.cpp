@@ -243,7 +243,8 @@ int CaErrorMessage(int errorNumber, HResult hr, UINT messageType, const std::vec
         CaLogError(kFail, "failed to set error code into error message");
         return -1;
     }
-    if (::MsiRecordSetInteger(record.Get(), 2, hr) != ERROR_SUCCESS) {
+    // In hex, as Windows writes HRESULTs: "0x80070005", not "-2147024891".
+    if (::MsiRecordSetStringW(record.Get(), 2, Format(L"0x%08x", static_cast<unsigned>(hr)).c_str()) != ERROR_SUCCESS) {
         CaLogError(kFail, "failed to set hresult code into error message");
         return -1;
     }

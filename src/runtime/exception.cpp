@@ -18,14 +18,15 @@ CaughtFailure CurrentFailure() {
     try {
         throw;
     } catch (const InstallCanceledException& e) {
-        failure = {CaughtFailure::Kind::Canceled, e.Code(), Format(L"%s Error 0x%x.", e.Message(), e.Code()), {}};
+        failure = {CaughtFailure::Kind::Canceled, e.Code(), Format(L"%s Error 0x%x.", e.Message(), e.Code()), {},
+                   e.Message()};
     } catch (const Exception& e) {
         failure = {CaughtFailure::Kind::Failure, e.Code(), Format(L"%s Error 0x%x.", e.Message(), e.Code()),
-                   e.UserMessage()};
+                   e.UserMessage(), e.Message()};
     } catch (const std::bad_alloc&) {
-        failure = {CaughtFailure::Kind::OutOfMemory, kFail, L"Bad allocation error.", {}};
+        failure = {CaughtFailure::Kind::OutOfMemory, kFail, L"Bad allocation error.", {}, L"Out of memory."};
     } catch (...) {
-        failure = {CaughtFailure::Kind::Unknown, kFail, L"Unknown exception.", {}};
+        failure = {CaughtFailure::Kind::Unknown, kFail, L"Unknown exception.", {}, L"An unexpected failure."};
     }
     return failure;
 }

@@ -40,6 +40,7 @@ struct CaughtFailure {
     HResult code = kFail;
     std::wstring logText;      // "<message> Error 0x<hr>.", "Bad allocation error." or "Unknown exception."
     std::wstring userMessage;  // for the installer's error dialog
+    std::wstring reason;       // the message alone, without the code
 };
 CaughtFailure CurrentFailure();
 

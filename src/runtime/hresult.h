@@ -10,6 +10,7 @@ using HResult = std::int32_t;
 
 inline constexpr HResult kSuccess = 0;
 inline constexpr HResult kFail = static_cast<HResult>(0x80004005);          // E_FAIL
+inline constexpr HResult kAborted = static_cast<HResult>(0x80004004);      // E_ABORT
 inline constexpr HResult kUnexpected = static_cast<HResult>(0x8000FFFF);    // E_UNEXPECTED
 inline constexpr HResult kInvalidArgument = static_cast<HResult>(0x80070057);
 inline constexpr HResult kCanceled = static_cast<HResult>(0x80070642);      // from ERROR_INSTALL_USEREXIT

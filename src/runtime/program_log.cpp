@@ -54,6 +54,16 @@ void SetLogSecrets(std::vector<std::wstring> secrets) {
     g_secrets = std::move(secrets);
 }
 
+std::wstring MaskLogSecrets(std::wstring_view text) {
+    std::lock_guard<std::mutex> guard(g_secretsLock);
+    return g_secrets.empty() ? std::wstring(text) : MaskSecrets(text, g_secrets);
+}
+
+void LogNothingToSchedule(std::size_t rows, std::wstring_view table, std::wstring_view task) {
+    LogInfo(L"Nothing to schedule: none of the %u %s rows is for a component being %s.", rows, std::wstring(table),
+            std::wstring(task));
+}
+
 bool HoldsLogSecret(std::wstring_view text) {
     std::lock_guard<std::mutex> guard(g_secretsLock);
     return !g_secrets.empty() && MaskSecrets(text, g_secrets) != text;

@@ -29,6 +29,13 @@ void SetLogSecrets(std::vector<std::wstring> secrets);
 // True when `text` holds one of those values (it would be masked in a line):
 // data made from it is secret too.
 bool HoldsLogSecret(std::wstring_view text);
+// The text with those values masked, as a line would show it.
+std::wstring MaskLogSecrets(std::wstring_view text);
+
+// The one line of an immediate action that schedules nothing, after the lines
+// of its rows: "Nothing to schedule: none of the <n> <table> rows is for a
+// component being <task>." (`task`: "installed or reinstalled", "removed", ...).
+void LogNothingToSchedule(std::size_t rows, std::wstring_view table, std::wstring_view task);
 
 // Lines travel in one message once more than `threshold` are pending; features
 // that log per file raise it to 100 and set it back to 0 when done.

@@ -85,7 +85,10 @@ class MajorUpgrades(InstallerCase):
         old, new, upgrading = self.new_guids_installed(fail=True)
         edited = (self.root / "app.xml").read_bytes()
         before = self.records(old.product_code) + self.records(new.product_code)
-        self.run_expecting(1603, old, "/x", upgrading, "FAILNOW=1", log="removal-rolled-back.log")
+        log = self.run_expecting(1603, old, "/x", upgrading, "FAILNOW=1", log="removal-rolled-back.log")
+        # The end user's dialog says why, and gives the code in hex.
+        self.assertIn("Setup Utils could not write the text files or registry values of this product: Failed to "
+                      "write file 'C:\\no\\such\\dir\\f.txt'. (HRESULT 0x80070003)", log)
         self.assertEqual(self.records(old.product_code) + self.records(new.product_code), before)
         self.assertEqual((self.root / "app.xml").read_bytes(), edited)
 

@@ -73,9 +73,6 @@ class Kit(unittest.TestCase):
         pages = "".join(p.read_text() for p in (ROOT / "docs").glob("*.md"))
         for action in kit["actions"]:
             self.assertRegex(pages, rf"\| `{action['name']}` \| {action['type']}\b", action["name"])
-        wxs = (ROOT / "packaging" / "wix" / "SetupUtils.wxs").read_text()
-        for action in kit["actions"]:
-            self.assertIn(f'<CustomAction Id="{action["name"]}"', wxs)
 
     def test_merging_keeps_the_authors_rows_and_a_second_run_changes_nothing(self):
         self.assertEqual(self.add("--tables", "TextFile", "--actions", "GetWellKnownSids").returncode, 0)
@@ -96,29 +93,50 @@ class Kit(unittest.TestCase):
         self.assertNotEqual(self.add("--tables", "NoSuchTable").returncode, 0)
 
     def test_lint_names_each_planted_mistake(self):
-        self.assertEqual(self.add("--tables", "TextFile,EventManifest").returncode, 0)
-        self.sql("INSERT INTO `TextFile` (`TextFile`, `File`, `Text`, `Component_`, `Condition`) "
-                 "VALUES ('Typo', '[INSTALLDIR]a.ini', 'x', 'Mian', '')",
-                 "INSERT INTO `TextFile` (`TextFile`, `File`, `Text`, `Component_`, `Condition`) "
-                 "VALUES ('BadCondition', '[INSTALLDIR]a.ini', 'x', 'Main', 'VersionNT >= AND 600')",
-                 "INSERT INTO `TextFile` (`TextFile`, `File`, `Text`, `Component_`, `Condition`) "
-                 "VALUES ('GoodCondition', '[INSTALLDIR]a.ini', 'x', 'Main', "
-                 "'NOT Installed AND (VersionNT64 ~>= 600 OR ?Main=3) AND PROP<>\"a b\"')",
-                 "INSERT INTO `EventManifest` (`EventManifest`, `Component_`, `File`) VALUES ('M1', 'Main', '[#nofile]')",
-                 "UPDATE `InstallExecuteSequence` SET `Sequence` = 3000 WHERE `Action` = 'InstallTextFiles'",
-                 "DELETE FROM `CustomAction` WHERE `Action` = 'InstallEventManifestRollback'")
+        rows = self.work / "rows.tsv"
+        rows.write_text("\n".join([
+            "[TextFile]", "TextFile\tFile\tText\tComponent_\tCondition",
+            "Typo\t[INSTALLDIR]a.ini\tx\tMian", "BadCondition\t[INSTALLDIR]a.ini\tx\tMain\tVersionNT >= AND 600",
+            "GoodCondition\t[INSTALLDIR]a.ini\tx\tMain\tNOT Installed AND (VersionNT64 ~>= 600 OR ?Main=3) AND "
+            "PROP<>\"a b\"",
+            "[EventManifest]", "EventManifest\tComponent_\tFile", "M1\tMain\t[#nofile]",
+            "[RegistryEx]", "RegistryEx\tRoot\tKey\tName\tComponent_\tAttributes",
+            "Bit4\t2\tSoftware\\A\tn\tMain\t4", "Root7\t7\tSoftware\\A\tn\tMain\t0",
+            "[XmlFile]", "XmlFile\tFile\tXPath\tAction\tComponent_", "Act9\t[INSTALLDIR]a.xml\t//add[@k='v']\t9\tMain",
+            "[RemoveFileEx]", "RemoveFileEx\tComponent_\tPath\tPhase", "Ph9\tMain\t[INSTALLDIR]x\t9",
+            "[MoveFileEx]", "MoveFileEx\tComponent_\tSource\tDestination\tAttributes",
+            "NoPhase\tMain\t[INSTALLDIR]a\t[INSTALLDIR]b\t1",
+            "[InstallExecuteSequence]", "Action\tSequence", "InstallTextFiles\t3000", "InstallXmlFiles\t6602",
+            "UninstallXmlFiles\t3",
+            "[CustomAction]", "Action\tType\tSource\tTarget",
+            "InstallXmlFilesRollback\t2049\tSetupUtils\tInstallXmlFilesRollback"]) + "\n")
+        result = self.add("--rows", str(rows))
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.sql("DELETE FROM `CustomAction` WHERE `Action` = 'InstallEventManifestRollback'")
         code, out = self.lint()
         self.assertEqual(code, 1, out)
         for expected in [
             "TextFile row 'Typo' column Component_: 'Mian' names no component of the package",
             "TextFile row 'BadCondition' column Condition: the condition 'VersionNT >= AND 600' does not parse",
             "EventManifest row 'M1' column File: [#nofile] names no file of the package",
+            "RegistryEx row 'Bit4' column Attributes: 4 holds bits the library does not know",
+            "RegistryEx row 'Root7' column Root: 7 is outside 0..3",
+            "XmlFile row 'Act9' column Action: 9 is outside 0..5",
+            "RemoveFileEx row 'Ph9' column Phase: 9 is outside 0..4",
+            "MoveFileEx row 'NoPhase' column Attributes: 1 has no phase bit",
             "InstallExecuteSequence row 'InstallTextFiles': sequenced at 3000, it must run after InstallFiles",
+            "InstallExecuteSequence row 'InstallXmlFiles': sequenced at 6602, outside InstallInitialize",
+            "InstallExecuteSequence row 'UninstallXmlFiles': sequenced at 3, outside InstallInitialize",
+            "CustomAction row 'InstallXmlFilesRollback': type 2049, source SetupUtils, entry InstallXmlFilesRollback; "
+            "the kit's are 11521",
             "CustomAction row 'InstallEventManifestRollback': missing",
         ]:
             self.assertIn(expected, out)
         self.assertNotIn("GoodCondition", out)
-
+        # It never calls "fine" what it could not read.
+        for args in (["--help"], [str(self.work / "none.msi")], [str(rows)], []):
+            result = subprocess.run([str(LINT), *args], capture_output=True, text=True)
+            self.assertEqual((result.returncode, result.stdout), (2, ""), args)
 
 if __name__ == "__main__":
     unittest.main()

@@ -405,6 +405,10 @@ void Plan(Session& session, bool uninstalling) {
     }
     const std::vector<CabinetItem> items = PlanCabinets(*rows, states, uninstalling, product, machine, log);
     for (const CabinetItem& item : items) ((item.attributes & PerUser) ? user : system).items.push_back(item);
+    if (items.empty() && system.handovers.empty() && user.handovers.empty()) {
+        LogNothingToSchedule(rows->size(), L"CabPackage", uninstalling ? L"removed" : L"installed or reinstalled");
+        return;
+    }
     const std::wstring warnings = session.GetProperty(L"InstallationWarningsFilePath");
     system.warningsFile = user.warningsFile = warnings;
     // The rollback first: it must be in the script before the work it takes back.

@@ -234,7 +234,10 @@ void MoveFilesEx(Session& session) {
     undoable.insert(undoable.end(), phases.deferredUser.begin(), phases.deferredUser.end());
     undoable.insert(undoable.end(), phases.deferred.begin(), phases.deferred.end());
     const bool work = !undoable.empty() || !phases.rollback.empty() || !phases.commit.empty();
-    if (!work) return;
+    if (!work) {
+        LogNothingToSchedule(rows->size(), L"MoveFileEx", L"installed, reinstalled or removed in a phase it names");
+        return;
+    }
 
     MoveFileActionData data;
     data.warningsFile = session.GetProperty(L"InstallationWarningsFilePath");

@@ -308,6 +308,10 @@ void RemoveFilesEx(Session& session) {
     ProgramLogSink log;
     const bool upgrading = !session.GetProperty(L"UPGRADINGPRODUCTCODE").empty();
     RemoveFilePhases phases = PlanRemoveFiles(*rows, states, upgrading, machine, log);
+    if (phases.immediate.empty() && phases.deferred.empty() && phases.rollback.empty() && phases.commit.empty()) {
+        LogNothingToSchedule(rows->size(), L"RemoveFileEx", L"installed, reinstalled or removed in a phase it names");
+        return;
+    }
     for (const RemoveFileItem& item : phases.immediate) RemoveNow(item);
 
     RemoveFileActionData rollback;

@@ -73,7 +73,9 @@ void InstallTextFiles(Session& session) {
     SessionComponentStates states(session);
     InstallerTextFileMachine machine(session);
     ProgramLogSink log;
-    ScheduleTextFileItems(session, PlanTextFiles(*rows, states, machine, log),
+    std::vector<TextFileItem> items = PlanTextFiles(*rows, states, machine, log);
+    if (items.empty()) LogNothingToSchedule(rows->size(), L"TextFile", L"installed or reinstalled");
+    ScheduleTextFileItems(session, std::move(items),
                           {L"InstallTextFilesRollback", L"InstallTextFilesDeferred", L"InstallTextFilesCommit"});
 }
 

@@ -437,7 +437,10 @@ void Plan(Session& session, bool uninstalling) {
         });
     }
     data.items = PlanXmlFiles(*rows, states, uninstalling, machine, log);
-    if (data.items.empty() && data.handovers.empty()) return;
+    if (data.items.empty() && data.handovers.empty()) {
+        LogNothingToSchedule(rows->size(), L"XmlFile", uninstalling ? L"removed" : L"installed or reinstalled");
+        return;
+    }
     data.product = session.GetProperty(L"ProductCode");
     HideSecretData(session, data.items);
     XmlFileActionData rollback = data;

@@ -190,6 +190,7 @@ void RegistryValueRemover::Remove(int root, std::wstring_view key, std::wstring_
         LONG status = OpenKey(root, path, KEY_SET_VALUE | KEY_QUERY_VALUE, view, run_.handle);
         // Without the right to look into the key, the clean-up below finds out for itself.
         if (status == ERROR_ACCESS_DENIED) status = OpenKey(root, path, KEY_SET_VALUE, view, run_.handle);
+        if (quiet_ && NotFound(status)) return;
         if (status != ERROR_SUCCESS) {
             LogInfo(L"Failed to open registry key '%s'. Error 0x%x.", path, Failure(status));
             RemoveEmptyKeys(root, path, view, keep);
@@ -329,12 +330,13 @@ LONG RemoveKeyTree(int root, std::wstring_view key, std::uint32_t view) {
     return RemoveTree(root, std::wstring(key), view, 0);
 }
 
-void RemoveEmptyKeys(int root, std::wstring_view key, std::uint32_t view, int keep) {
+void RemoveEmptyKeys(int root, std::wstring_view key, std::uint32_t view, int keep, bool quiet) {
     std::wstring path(key);
     while (!path.empty() && (keep <= 0 || KeyDepth(path) > keep)) {
         {
             RegistryKey handle;
             LONG status = OpenKeyNoLink(root, path, KEY_QUERY_VALUE, view, handle);
+            if (quiet && NotFound(status)) return;
             if (status != ERROR_SUCCESS) {
                 LogInfo(L"Failed to open registry key '%s'. Error 0x%x.", path, Failure(status));
                 return;

@@ -64,7 +64,7 @@ LONG RemoveKeyTree(int root, std::wstring_view key, std::uint32_t view);
 // on the same terms, and so on up to the top-level key under the root; logs
 // each step and stops at the first key in use. `keep`: the number of leading
 // components that are never deleted (0: none). Never throws.
-void RemoveEmptyKeys(int root, std::wstring_view key, std::uint32_t view, int keep = 0);
+void RemoveEmptyKeys(int root, std::wstring_view key, std::uint32_t view, int keep = 0, bool quiet = false);
 
 // Names of the key's subkeys, in index order. Throws "Failed to get registry
 // subkeys. Can't open registry key <key>" or "... Can't enumerate subkeys of key <key>".
@@ -124,6 +124,7 @@ public:
 
 private:
     OpenKeyRun run_;
+    bool quiet_;
 };
 
 // Removes values as DeleteValue followed by RemoveEmptyKeys(keep) does, with
@@ -131,11 +132,15 @@ private:
 // key. Close() before anything else changes the keys. Never throws.
 class RegistryValueRemover {
 public:
+    // `quiet`: rollback's remover. A key that does not exist holds nothing to
+    // take back (the step it would undo never ran): no line, no clean-up.
+    explicit RegistryValueRemover(bool quiet = false) : quiet_(quiet) {}
     void Remove(int root, std::wstring_view key, std::wstring_view name, std::uint32_t view, int keep);
     void Close() { run_.handle.Reset(); }
 
 private:
     OpenKeyRun run_;
+    bool quiet_;
 };
 
 }  // namespace setup

@@ -208,7 +208,7 @@ void ApplyRows(const Session& session, bool strict) {
     const auto byKey = [](const RegistryExRow& a, const RegistryExRow& b) { return a.key < b.key; };
     std::stable_sort(removals.begin(), removals.end(), byKey);
     std::stable_sort(writes.begin(), writes.end(), byKey);
-    RegistryValueRemover remover;
+    RegistryValueRemover remover(!strict);
     for (const RegistryExRow& row : removals) {
         const std::uint32_t view = RowView(row);
         const KeyMarker marker = RowKeyMarker(row);
@@ -225,10 +225,10 @@ void ApplyRows(const Session& session, bool strict) {
                 LogInfo(L"Remove registry key: Key '%s'.", row.key);
             }
             const std::size_t cut = row.key.rfind(L'\\');
-            if (cut != std::wstring::npos) RemoveEmptyKeys(row.root, row.key.substr(0, cut), view, row.keep);
+            if (cut != std::wstring::npos) RemoveEmptyKeys(row.root, row.key.substr(0, cut), view, row.keep, !strict);
             break;
         }
-        case KeyMarker::Create: RemoveEmptyKeys(row.root, row.key, view, row.keep); break;
+        case KeyMarker::Create: RemoveEmptyKeys(row.root, row.key, view, row.keep, !strict); break;
         case KeyMarker::None: break;
         }
     }
@@ -252,6 +252,7 @@ void InstallRegFiles(Session& session) {
     const std::optional<std::vector<RegistryExRow>> rows = ReadRows(session, states, log);
     if (!rows) return;
     const std::vector<RegistryExRow> chosen = PlanRegistryInstall(*rows, states, log);
+    if (chosen.empty()) LogNothingToSchedule(rows->size(), L"RegistryEx", L"installed or reinstalled");
     std::vector<RegistryExRow> direct;
     for (const RegistryExRow& row : chosen) {
         if (!row.file.empty()) continue;
@@ -274,6 +275,7 @@ void UninstallRegFiles(Session& session) {
     for (const RegistryExRow& row : PlanRegistryUninstall(*rows, states, located, log)) {
         if (row.file.empty()) direct.push_back(UninstallWork(row));
     }
+    if (direct.empty()) LogNothingToSchedule(rows->size(), L"RegistryEx", L"removed");
     ScheduleDirect(session, direct, L"UninstallRegistryRollback", L"UninstallRegistryDeferred", log);
 }
 

@@ -57,7 +57,12 @@ void ScheduleManifests(Session& session, const Schedule& schedule) {
     SessionComponentStates states(session);
     ProgramLogSink log;
     const std::vector<std::wstring> paths = SelectManifests(*rows, schedule.operation, states, log);
-    if (paths.empty()) return;
+    if (paths.empty()) {
+        LogNothingToSchedule(rows->size(), L"EventManifest",
+                             schedule.operation == ManifestOperation::Register ? L"installed or reinstalled"
+                                                                              : L"removed or reinstalled");
+        return;
+    }
     const std::wstring data = EncodeTextList(paths);
     session.ScheduleDeferred(schedule.rollback, data);
     session.ScheduleDeferred(schedule.deferred, data);
