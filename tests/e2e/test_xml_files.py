@@ -168,7 +168,9 @@ class XmlFiles(InstallerCase):
             ("Malformed", "<a><b></a>", "/a", SET, "x", "1", "it is not well-formed XML"),
             ("Dtd", '<?xml version="1.0"?>\n<!DOCTYPE a [<!ENTITY e "x">]>\n<a>&e;</a>', "/a", SET, "x", "1",
              "it declares a document type (DTD)"),
+            # Refused by the immediate action, before any backup.
             ("XPath", good, "/a/b[@", SET, "x", "1", "does not parse"),
+            ("Prefix", good, "/p:a", SET, "x", "1", "does not parse"),
             ("Fragment", good, "/a", APPEND, "", "<c>", "The fragment is not well formed"),
             ("Large", "<a>" + "x" * (9 * 1024 * 1024) + "</a>", "/a", SET, "x", "1", "an XML edit reads"),
             ("Missing", None, "/a", SET, "x", "1", "does not exist"),
@@ -182,8 +184,9 @@ class XmlFiles(InstallerCase):
                 package = self.package([(name, f"{self.win}\\{name}.xml", xpath, action, attribute, value, "", 1, 0)],
                                        name=f"{self.name[:30]}{name}")
                 log = self.run_expecting(1603, package, "/i", log=f"{name}.log")
-                self.assertTrue(any(why in line for line in library_lines(log, "InstallXmlFilesDeferred")),
-                                "\n".join(library_lines(log, "InstallXmlFilesDeferred")))
+                action = "InstallXmlFiles" if name in ("XPath", "Prefix") else "InstallXmlFilesDeferred"
+                self.assertTrue(any(why in line for line in library_lines(log, action)),
+                                "\n".join(library_lines(log, action)))
                 self.assertEqual(path.read_bytes() if path.exists() else None, before)
                 self.assertEqual(sorted(p.name for p in self.root.iterdir() if not p.name.endswith(".xml")), [])
 

@@ -417,6 +417,27 @@ void HideSecretData(const Session& session, const std::vector<XmlFileItem>& item
     HideActionData(session, {L"InstallXmlFilesRollback", L"InstallXmlFilesDeferred", L"InstallXmlFilesCommit"});
 }
 
+// An XPath that does not parse, or that uses a prefix its row does not
+// declare, fails the immediate action before anything is backed up or
+// changed: the MSXML that edits the files reads it here, over an empty document.
+void CheckSelections(const std::vector<XmlFileItem>& items) {
+    std::optional<XmlDocument> document;
+    for (const XmlFileItem& item : items) {
+        if (item.undo) continue;
+        for (const XmlEdit& edit : item.edits) {
+            if (!document) {
+                document.emplace();
+                document->Load(L"<check/>");
+            }
+            try {
+                document->Select(edit.xpath, Selection(edit));
+            } catch (const Exception& e) {
+                Throw(e.Code(), L"Failed xml edit '" + edit.id + L"' of '" + item.path + L"': " + e.Message());
+            }
+        }
+    }
+}
+
 void Plan(Session& session, bool uninstalling) {
     Wow64FsRedirectionGuard redirection;
     std::optional<std::vector<XmlFileRow>> rows = ReadRows(session);
@@ -437,6 +458,7 @@ void Plan(Session& session, bool uninstalling) {
         });
     }
     data.items = PlanXmlFiles(*rows, states, uninstalling, machine, log);
+    CheckSelections(data.items);
     if (data.items.empty() && data.handovers.empty()) {
         LogNothingToSchedule(rows->size(), L"XmlFile", uninstalling ? L"removed" : L"installed or reinstalled");
         return;
