@@ -103,6 +103,7 @@ class RegistryExContract(Contract):
                           "The registry row 'Off' was successfully read. component 'Off'",
                           "Component: 'Main'; Installed: '2'; Action: '3'",
                           "Need to install registry row 'V1', component 'Main'.",
+                          f"Need to write registry row directly 'V1', component 'Main'. {key}, v, one.",
                           "Skip install registry row 'Cond'. Condition is '0'.",
                           "Skip install registry row 'Off' for null-action component 'Off'."], log, "InstallRegFiles")
         self.assertLines([f"Write registry value: Key '{key}', Name 'v', Value 'one'.",

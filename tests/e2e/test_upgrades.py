@@ -1,10 +1,7 @@
-"""Major upgrades: what the old product recorded (XML edits, extracted
-cabinets) passes to the new product when the old one goes, so that the new
-product's uninstall leaves the machine as it was before the first install.
-With the component GUIDs kept, the old product's components stay for the new
-one (the late RemoveExistingProducts of a real upgrade); with them changed,
-Windows removes the old product with UPGRADINGPRODUCTCODE set, which Wine's
-RemoveExistingProducts does not pass, so that removal runs by hand."""
+"""Major upgrades: the old product's records (XML edits, cabinets) pass to
+the new one, whose uninstall then restores the start. Kept GUIDs: a real late
+RemoveExistingProducts; changed GUIDs: the removal by hand with the
+UPGRADINGPRODUCTCODE that Windows (not Wine) passes."""
 
 import re
 import unittest

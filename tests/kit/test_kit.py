@@ -75,9 +75,9 @@ class Kit(unittest.TestCase):
             self.assertRegex(pages, rf"\| `{action['name']}` \| {action['type']}\b", action["name"])
 
     def test_merging_keeps_the_authors_rows_and_a_second_run_changes_nothing(self):
-        self.assertEqual(self.add("--tables", "TextFile", "--actions", "GetWellKnownSids").returncode, 0)
-        self.sql("INSERT INTO `TextFile` (`TextFile`, `File`, `Text`, `Component_`) "
-                 "VALUES ('Mine', '[INSTALLDIR]a.ini', 'x', 'Main')")
+        rows = self.work / "rows.tsv"
+        rows.write_text("[TextFile]\nTextFile\tFile\tText\tComponent_\nMine\t[INSTALLDIR]a.ini\tit's [X]\tMain\n")
+        self.assertEqual(self.add("--rows", str(rows), "--actions", "GetWellKnownSids").returncode, 0)
         tables = ["CustomAction", "InstallExecuteSequence", "InstallUISequence", "Binary", "Error", "_Validation",
                   "TextFile"]
         first = {t: export(self.msi, t) for t in tables}
@@ -87,7 +87,8 @@ class Kit(unittest.TestCase):
         self.assertIn("InstallTextFilesDeferred\t11265", first["CustomAction"])
         self.assertNotIn("InstallEventManifest", first["CustomAction"])
         self.assertIn("27454\t", first["Error"])
-        self.assertEqual(self.add("--tables", "TextFile", "--actions", "GetWellKnownSids").returncode, 0)
+        self.assertIn("Mine\t[INSTALLDIR]a.ini\tit's [X]\tMain", first["TextFile"])
+        self.assertEqual(self.add("--rows", str(rows), "--actions", "GetWellKnownSids").returncode, 0)
         self.assertEqual({t: export(self.msi, t) for t in tables}, first)
         self.assertEqual(self.lint(), (0, "lint-package: no problems found\n"))
         self.assertNotEqual(self.add("--tables", "NoSuchTable").returncode, 0)

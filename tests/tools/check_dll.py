@@ -1,13 +1,8 @@
 #!/usr/bin/env python3
-"""Checks the built DLLs' export and import tables and version resource.
-
-usage: check_dll.py X86_DLL X64_DLL DEF_FILE
-
-Fails when an export is decorated or not listed in the .def file (or a listed
-one is missing), when a DLL imports anything but system DLLs (a dependency on
-libstdc++, libgcc or libwinpthread would keep the installer from loading it),
-or when the version resource lacks the product's names.
-"""
+"""check_dll.py X86_DLL X64_DLL DEF_FILE: fails on an export that is decorated
+or not in the .def file (or missing), an import of anything but system DLLs
+(libstdc++ or libgcc would keep the installer from loading it), or a version
+resource without the product's names."""
 import re
 import subprocess
 import sys
