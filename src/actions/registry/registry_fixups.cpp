@@ -75,7 +75,10 @@ void FixQwordRegistry(Session& session) {
     SessionComponentStates states(session);
     ProgramLogSink log;
     std::vector<QwordItem> items = PlanQwords(*rows, states, log);
-    if (items.empty()) return;
+    if (items.empty()) {
+        LogNothingToSchedule(rows->size(), L"RegistryQword", L"installed or reinstalled");
+        return;
+    }
     // What was there before the install is what the rollback puts back.
     for (QwordItem& item : items) item.previous = ReadValue(item.root, item.key, item.name, item.view);
     const std::wstring data = EncodeQwordItems(items);
@@ -109,6 +112,7 @@ void FixRegistryIntegerProperties(Session& session) {
         }, log);
         if (d.Chosen()) wanted.emplace_back(row, *property);
     });
+    if (wanted.empty()) LogInfo(L"Nothing to check: no Registry row of an installed component takes a property.");
     for (const auto& [row, property] : wanted) {
         const std::wstring value = session.GetProperty(property);
         const std::wstring normal = NormalizeDwordProperty(value, property, row);
