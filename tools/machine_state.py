@@ -144,11 +144,12 @@ class Manifests:
 
 
 class MachineState:
-    def __init__(self, prefix, folders=(), registry_keys=(), manifests=None):
+    def __init__(self, prefix, folders=(), registry_keys=(), manifests=None, descriptors=()):
         self.prefix = prefix
         self.folders = [Path(f) for f in folders]
         self.registry_keys = list(registry_keys)
         self.manifests = manifests
+        self.descriptors = list(descriptors)  # keys under HKLM: their security descriptors, byte for byte
 
     def capture(self):
         files = {}
@@ -164,6 +165,8 @@ class MachineState:
             state["registry " + key] = export_key(self.prefix, key)
         if self.manifests is not None:
             state["manifests"] = sorted(self.manifests.registered())
+        for key in self.descriptors:
+            state["descriptor " + key] = self.prefix.wine(str(TEST_TOOLS / "key_sddl.exe"), key).stdout.decode()
         return state
 
 

@@ -8,6 +8,7 @@
 #include "actions/files/xml_file_actions.h"
 #include "actions/registry/registry_ex_actions.h"
 #include "actions/registry/registry_fixups.h"
+#include "actions/security/permission_actions.h"
 #include "actions/system/event_manifest_actions.h"
 #include "actions/system/force_rollback.h"
 #include "actions/system/os_version_info.h"
@@ -68,5 +69,13 @@ UTILS_ACTION(GetOsVersionInfo, OsVersionInfo)
 UTILS_ACTION(FixQwordRegistry, RegistryFixups)
 UTILS_ACTION(FixQwordRegistryRollback, None)
 UTILS_ACTION(FixRegistryIntegerProperties, RegistryFixups)
+
+UTILS_ACTION(InstallPermissions, Permissions)
+UTILS_ACTION(InstallPermissionsDeferred, Permissions)
+UTILS_ACTION(InstallPermissionsRollback, None)
+UTILS_ACTION(UninstallPermissions, Permissions)
+UTILS_ACTION(UninstallPermissionsRollback, None)
+UTILS_ACTION(RestorePermissions, Permissions)
+UTILS_ACTION(RestorePermissionsDeferred, Permissions)
 
 UTILS_ACTION(ForceRollback, None)

@@ -30,6 +30,7 @@ enum class ActionError : int {
     UninstallEventManifest = 27467,
     OsVersionInfo = 27470,
     RegistryFixups = 27471,
+    Permissions = 27472,
 };
 
 using ActionWork = std::function<void(Session& session)>;

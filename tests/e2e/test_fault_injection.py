@@ -15,7 +15,7 @@ import unittest
 from cabinet import A_ARCH, A_HIDDEN, A_RDONLY, cabinet_bytes
 from machine_state import HeldFile, Manifests, MachineState, WevtutilDouble, differences, fresh_folder, old_file, \
     rename_value, set_rename_value, utf16_hex
-from msipackage import WOW, InstallerCase, Package, Prefix, library_lines, scratch_dir
+from msipackage import TEST_TOOLS, WOW, InstallerCase, Package, Prefix, library_lines, scratch_dir
 
 BEFORE_TEXT_FILES = 4400   # InstallTextFiles schedules at 4500
 AFTER_REGISTRY = 5025      # InstallRegFiles schedules at 5020
@@ -26,6 +26,7 @@ AFTER_CABINETS = 4025     # InstallCabs schedules at 4020
 AFTER_CABINET_REMOVAL = 3497  # UninstallCabs schedules at 3495
 AFTER_XML_FILES = 4035    # InstallXmlFiles schedules at 4030
 AFTER_XML_UNDO = 3494     # UninstallXmlFiles schedules at 3493
+AFTER_PERMISSIONS = 5035  # InstallPermissions schedules at 5030
 AFTER_EVERYTHING = 6550    # after every family's deferred work, before InstallFinalize
 # Where the deferred actions record the work folders they make: empty again after a rollback.
 WORK_FOLDERS = "HKLM\\Software\\" + WOW + "Setup Utils\\WorkFolders"
@@ -254,6 +255,27 @@ class RegistryFaults(FaultCase):
         self.install(package)
         self.fails_unchanged(package, MachineState(self.prefix, registry_keys=[self.native]), "/x", "uninstall.log",
                              "Remove registry value: Key '" + self.key + "', Name 'New'.", "UninstallRegistryDeferred")
+
+
+class PermissionFaults(FaultCase):
+    """A key with an explicit entry of its own gets the row's entry merged in:
+    a failure after it puts the descriptor back byte for byte and leaves no
+    record or capture."""
+
+    def test_install_fails_after_the_permission_work(self):
+        key = "Software\\SetupUtilsFault\\" + self.name
+        records = "HKLM\\Software\\" + WOW + "Setup Utils\\PermissionEx"
+        self.scratch_keys("HKLM\\" + key)
+        self.prefix.reg("add", "HKLM\\" + key, "/f")
+        self.prefix.wine(str(TEST_TOOLS / "key_sddl.exe"), key, "D:(A;;KA;;;BA)(A;;KR;;;AU)")
+        for case, at in self.fault_points(AFTER_PERMISSIONS):
+            with self.subTest(case=case):
+                package = Package(("FaultPermissions" + case)[:48]).add_component("Main", [("r", "r.txt", "r")])
+                package.add_table("PermissionEx", [("Key", "Main", "2", key, "2", "D:(A;CI;KA;;;BU)", "", "64")])
+                state = MachineState(self.prefix, registry_keys=[records], descriptors=[key])
+                self.fails_unchanged(package.fail_at(at), state, log=case + ".log", action="InstallPermissionsDeferred",
+                                     line=f"Record the permissions 'Key' under 'Software\\Setup Utils\\PermissionEx\\"
+                                          f"{package.product_code}'.")
 
 
 class MoveFileFaults(FaultCase):

@@ -109,6 +109,8 @@ class Kit(unittest.TestCase):
             "[RemoveFileEx]", "RemoveFileEx\tComponent_\tPath\tPhase", "Ph9\tMain\t[INSTALLDIR]x\t9",
             "[MoveFileEx]", "MoveFileEx\tComponent_\tSource\tDestination\tAttributes",
             "NoPhase\tMain\t[INSTALLDIR]a\t[INSTALLDIR]b\t1",
+            "[PermissionEx]", "PermissionEx\tComponent_\tObjectType\tObject\tSddl",
+            "Perm\tMain\t0\t[INSTALLDIR]a\tD:(A;;FA;;;BU)(D;OI;GA;;;DU)(A;;FR;;;[ACCOUNT_USERS])(A;;FR;;;QQ)",
             "[InstallExecuteSequence]", "Action\tSequence", "InstallTextFiles\t3000", "InstallXmlFiles\t6602",
             "UninstallXmlFiles\t3",
             "[CustomAction]", "Action\tType\tSource\tTarget",
@@ -136,6 +138,11 @@ class Kit(unittest.TestCase):
             "CustomAction row 'InstallXmlFilesRollback': type 2049, source SetupUtils, entry InstallXmlFilesRollback; "
             "the kit's are 11521",
             "CustomAction row 'InstallEventManifestRollback': missing",
+            "PermissionEx row 'Perm' column Sddl: the alias DU names a domain account",
+            "PermissionEx row 'Perm' column Sddl: the alias QQ is unknown",
+            "PermissionEx row 'Perm' column Sddl: the entry (D;OI;...) carries inheritance flags",
+            "PermissionEx row 'Perm' column Sddl: the rights GA are generic",
+            "PermissionEx row 'Perm' column Sddl: the entries are not in canonical order",
         ]:
             self.assertIn(expected, out)
         self.assertNotIn("GoodCondition", out)
