@@ -63,6 +63,11 @@ XML_ROWS = [
     ("DemoLog", "[INSTALLDIR]service.config", "/s:service", "2", "s:log", "[ProductName]",
      "s=urn:setup-utils-demo", "2", "0", "Main", ""),
 ]
+# Lets the machine's Users read the demo key, whatever the language calls
+# them; the key's own entries stay, and uninstall takes back only this one.
+PERMISSION_ROWS = [
+    ("DemoKeyRead", "Main", "2", DEMO_KEY, "2", "D:(A;CI;KR;;;[ACCOUNT_USERS])", "", "0"),
+]
 SERVICE_CONFIG = ('<?xml version="1.0" encoding="utf-8"?>\r\n<s:service xmlns:s="urn:setup-utils-demo">\r\n'
                   '  <s:endpoint port="80" host="localhost"/>\r\n</s:service>\r\n').encode()
 TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
@@ -93,6 +98,7 @@ def demo_package(name, fail=False):
     package.add_table("RemoveFileEx", REMOVE_ROWS)
     package.add_table("CabPackage", CAB_ROWS)
     package.add_table("XmlFile", XML_ROWS)
+    package.add_table("PermissionEx", PERMISSION_ROWS)
     if fail:
         package.fail_at(6550)
     return package
@@ -207,6 +213,8 @@ def main():
     show("InstallXmlFiles and InstallXmlFilesDeferred logged",
          library_lines(log, "InstallXmlFiles") + library_lines(log, "InstallXmlFilesDeferred"))
     show("service.config after install (its encoding and CR LF kept)", show_file(service))
+    show("InstallPermissions and InstallPermissionsDeferred logged (the account's SID, the merged descriptor)",
+         library_lines(log, "InstallPermissions") + library_lines(log, "InstallPermissionsDeferred"))
     show("help folder after install", sorted(str(p.relative_to(install_dir)) for p in (install_dir / "help").rglob("*")))
     show("Files in the install folder (no backups left)", sorted(p.name for p in install_dir.iterdir()))
 
