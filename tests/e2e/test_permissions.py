@@ -81,6 +81,11 @@ class Permissions(InstallerCase):
                       "'(A;;FA;;WD)' does not have six fields. Error 0x80070057.", library_lines(log, "InstallPermissions"))
         self.assertNotIn("InstallPermissionsDeferred", log)
         self.assertEqual(path.stat().st_mode & 0o777, 0o775)
+        # Wine's service security is a stub that reads as an empty DACL: never captured.
+        log = self.run_expecting(1603, self.package([("Svc", 3, "PlugPlay", "", "D:(A;;LCRP;;;AU)", 0)]), "/i",
+                                 log="service.log")
+        self.assertTrue(any("its DACL reads as empty (D:)" in line
+                            for line in library_lines(log, "InstallPermissionsDeferred")), log[-3000:])
 
 
 if __name__ == "__main__":
