@@ -264,3 +264,46 @@ class WevtutilDouble:
     @classmethod
     def command(cls, verb, path):
         return f'"{cls.TOOL}" {verb} "{path}"'
+
+
+class PerfDouble:
+    """Wine's loadperf.dll, lodctr.exe and unlodctr.exe are stubs that report
+    success and do nothing, so the prefix gets doubles that record every call
+    and fail on request (tools/doubles/perf_double.h). The DLL double is loaded
+    from the system directory without an override; the tools need one, as the
+    wevtutil double does."""
+
+    FILES = {"loadperf.dll": "loadperf_double.dll", "lodctr.exe": "lodctr_double.exe",
+             "unlodctr.exe": "unlodctr_double.exe"}
+
+    def __init__(self, prefix, saved_dir):
+        self.prefix = prefix
+        self.saved = Path(saved_dir)
+        self.folder = prefix.host_path("C:\\perf-double")
+
+    def __enter__(self):
+        self.saved.mkdir(parents=True, exist_ok=True)
+        for name, double in self.FILES.items():
+            if not (self.saved / name).exists():
+                shutil.copyfile(self.prefix.system_tool(name), self.saved / name)
+            shutil.copyfile(DOUBLES / double, self.prefix.system_tool(name))
+        return self
+
+    def __exit__(self, *exc):
+        for name in self.FILES:
+            shutil.copyfile(self.saved / name, self.prefix.system_tool(name))
+        return False
+
+    def use_in(self, prefix):
+        """Prefers the tool doubles in `prefix`'s environment; no calls, no rules."""
+        prefix.env["WINEDLLOVERRIDES"] = prefix.env.get("WINEDLLOVERRIDES", "") + ";lodctr.exe=n;unlodctr.exe=n"
+        shutil.rmtree(self.folder, ignore_errors=True)
+        self.folder.mkdir(parents=True)
+
+    def fail_when(self, *rules):
+        """Results: (text in "<function or tool>|<command line>", code), first match wins."""
+        (self.folder / "rules.txt").write_text("".join(f"{text}\t{code}\n" for text, code in rules))
+
+    def calls(self):
+        path = self.folder / "calls.txt"
+        return path.read_text(encoding="utf-8").splitlines() if path.exists() else []

@@ -12,6 +12,7 @@
 #include "actions/system/event_manifest_actions.h"
 #include "actions/system/force_rollback.h"
 #include "actions/system/os_version_info.h"
+#include "actions/system/perfmon_actions.h"
 #include "actions/system/well_known_sids.h"
 #include "runtime/action_frame.h"
 
@@ -77,5 +78,10 @@ UTILS_ACTION(UninstallPermissions, Permissions)
 UTILS_ACTION(UninstallPermissionsRollback, None)
 UTILS_ACTION(RestorePermissions, Permissions)
 UTILS_ACTION(RestorePermissionsDeferred, Permissions)
+
+UTILS_ACTION(RegisterPerfmonEx, Perfmon)
+UTILS_ACTION(RegisterPerfmonExDeferred, Perfmon)
+UTILS_ACTION(UnregisterPerfmonEx, Perfmon)
+UTILS_ACTION(UnregisterPerfmonExDeferred, Perfmon)
 
 UTILS_ACTION(ForceRollback, None)

@@ -31,6 +31,7 @@ enum class ActionError : int {
     OsVersionInfo = 27470,
     RegistryFixups = 27471,
     Permissions = 27472,
+    Perfmon = 27473,
 };
 
 using ActionWork = std::function<void(Session& session)>;
