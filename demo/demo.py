@@ -68,6 +68,12 @@ XML_ROWS = [
 PERMISSION_ROWS = [
     ("DemoKeyRead", "Main", "2", DEMO_KEY, "2", "D:(A;CI;KR;;;[ACCOUNT_USERS])", "", "0"),
 ]
+# Registers a legacy counter set (Wine's loadperf.dll is a stub that reports
+# success): the Performance values written, the exact call logged.
+PERFMON_ROWS = [
+    ("DemoCounters", "Main", "SetupUtilsDemo", "[#demo_counters]", "[INSTALLDIR]readme.txt", "", "2", ""),
+]
+DEMO_COUNTERS = "[info]\r\ndrivername=SetupUtilsDemo\r\n[languages]\r\n009=English\r\n"
 SERVICE_CONFIG = ('<?xml version="1.0" encoding="utf-8"?>\r\n<s:service xmlns:s="urn:setup-utils-demo">\r\n'
                   '  <s:endpoint port="80" host="localhost"/>\r\n</s:service>\r\n').encode()
 TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
@@ -88,7 +94,8 @@ MANIFEST = """<?xml version="1.0" encoding="UTF-8"?>
 
 def demo_package(name, fail=False):
     package = Package(name, directory="Setup Utils Demo")
-    package.add_component("Main", [("readme", "readme.txt", "Setup Utils demo\n"), ("help_cab", "help.cab", HELP_CAB)])
+    package.add_component("Main", [("readme", "readme.txt", "Setup Utils demo\n"), ("help_cab", "help.cab", HELP_CAB),
+                                   ("demo_counters", "counters.ini", DEMO_COUNTERS)])
     package.add_component("Events", [("demo_events", "demo events.man", MANIFEST)])
     package.use_kit("GetWellKnownSids", "GetOsVersionInfo", *TEXT_ACTIONS, *MANIFEST_ACTIONS)
     package.add_table("TextFile", TEXT_ROWS)
@@ -99,6 +106,7 @@ def demo_package(name, fail=False):
     package.add_table("CabPackage", CAB_ROWS)
     package.add_table("XmlFile", XML_ROWS)
     package.add_table("PermissionEx", PERMISSION_ROWS)
+    package.add_table("PerfmonEx", PERFMON_ROWS)
     if fail:
         package.fail_at(6550)
     return package
@@ -213,6 +221,8 @@ def main():
     show("InstallXmlFiles and InstallXmlFilesDeferred logged",
          library_lines(log, "InstallXmlFiles") + library_lines(log, "InstallXmlFilesDeferred"))
     show("service.config after install (its encoding and CR LF kept)", show_file(service))
+    show("RegisterPerfmonEx and RegisterPerfmonExDeferred logged (the exact loadperf call)",
+         library_lines(log, "RegisterPerfmonEx") + library_lines(log, "RegisterPerfmonExDeferred"))
     show("InstallPermissions and InstallPermissionsDeferred logged (the account's SID, the merged descriptor)",
          library_lines(log, "InstallPermissions") + library_lines(log, "InstallPermissionsDeferred"))
     show("help folder after install", sorted(str(p.relative_to(install_dir)) for p in (install_dir / "help").rglob("*")))

@@ -27,6 +27,7 @@ AFTER_CABINET_REMOVAL = 3497  # UninstallCabs schedules at 3495
 AFTER_XML_FILES = 4035    # InstallXmlFiles schedules at 4030
 AFTER_XML_UNDO = 3494     # UninstallXmlFiles schedules at 3493
 AFTER_PERMISSIONS = 5035  # InstallPermissions schedules at 5030
+AFTER_PERFMON = 5855       # RegisterPerfmonEx schedules at 5850
 AFTER_EVERYTHING = 6550    # after every family's deferred work, before InstallFinalize
 # Where the deferred actions record the work folders they make: empty again after a rollback.
 WORK_FOLDERS = "HKLM\\Software\\" + WOW + "Setup Utils\\WorkFolders"
@@ -276,6 +277,26 @@ class PermissionFaults(FaultCase):
                 self.fails_unchanged(package.fail_at(at), state, log=case + ".log", action="InstallPermissionsDeferred",
                                      line=f"Record the permissions 'Key' under 'Software\\Setup Utils\\PermissionEx\\"
                                           f"{package.product_code}'.")
+
+
+class PerfmonFaults(FaultCase):
+    """A legacy counter set over a Performance key of another install's
+    values: a failure after the registration puts the key back byte for byte."""
+
+    def test_install_fails_after_the_counter_registration(self):
+        service = "SetupUtilsPerfFault"
+        key = "HKLM\\SYSTEM\\CurrentControlSet\\Services\\" + service
+        self.scratch_keys(key)
+        self.prefix.reg("add", key + "\\Performance", "/v", "First Counter", "/t", "REG_DWORD", "/d", "7", "/f")
+        ini = f"[info]\r\ndrivername={service}\r\n[languages]\r\n009=English\r\n"
+        for case, at in self.fault_points(AFTER_PERFMON):
+            with self.subTest(case=case):
+                package = Package(("FaultPerfmon" + case)[:48]).add_component("Main", [("ini", "c.ini", ini)])
+                package.add_table("PerfmonEx", [("Set", "Main", service, "[#ini]", "[INSTALLDIR]p.dll", "", "0", "")])
+                self.fails_unchanged(package.fail_at(at), MachineState(self.prefix, registry_keys=[key]),
+                                     log=case + ".log", action="RegisterPerfmonExDeferred",
+                                     line=f'Call LoadPerfCounterTextStringsW(lodctr "C:\\Program Files\\'
+                                          f'{package.directory}\\c.ini").')
 
 
 class MoveFileFaults(FaultCase):

@@ -85,15 +85,6 @@ std::uint32_t ParseDword(std::wstring_view text, std::wstring_view value) {
     return negative ? 0u - result : result;
 }
 
-void AppendUtf16(std::vector<unsigned char>& bytes, std::wstring_view text) {
-    for (const wchar_t c : text) {
-        bytes.push_back(static_cast<unsigned char>(c & 0xFF));
-        bytes.push_back(static_cast<unsigned char>((c >> 8) & 0xFF));
-    }
-    bytes.push_back(0);
-    bytes.push_back(0);
-}
-
 std::vector<std::wstring_view> MultiItems(std::wstring_view text) {
     std::vector<std::wstring_view> items;
     std::size_t start = 0;
@@ -149,6 +140,15 @@ RegistryValue ParseRaw(std::wstring_view rest, std::wstring_view value) {
 }
 
 }  // namespace
+
+void AppendUtf16(std::vector<unsigned char>& bytes, std::wstring_view text) {
+    for (const wchar_t c : text) {
+        bytes.push_back(static_cast<unsigned char>(c & 0xFF));
+        bytes.push_back(static_cast<unsigned char>((c >> 8) & 0xFF));
+    }
+    bytes.push_back(0);
+    bytes.push_back(0);
+}
 
 RegistryValue ParseValueNotation(std::wstring_view name, std::wstring_view value) {
     const Parsed parsed = Classify(value);

@@ -52,6 +52,8 @@ std::int32_t BytesToInteger(const std::vector<unsigned char>& data, LogSink* log
 std::uint64_t BytesToQword(const std::vector<unsigned char>& data, LogSink* log = nullptr);
 std::vector<unsigned char> QwordBytes(std::uint64_t value);
 std::vector<unsigned char> DwordBytes(std::uint32_t value);
+// `text` as REG_SZ data: UTF-16LE with its terminating NUL, appended to `bytes`.
+void AppendUtf16(std::vector<unsigned char>& bytes, std::wstring_view text);
 
 // A readable rendering of a value's data for the log: strings as text, numbers
 // in decimal, anything else as hex bytes.

@@ -149,8 +149,7 @@ std::vector<RegistryValue> LibraryValues(std::wstring_view library) {
     for (int i = 0; i < 4; ++i) {
         const std::wstring& text = parts[i].empty() ? std::wstring(defaults[i]) : parts[i];
         RegistryValue value{names[i], kRegSz, {}};
-        const auto* bytes = reinterpret_cast<const unsigned char*>(text.c_str());
-        value.data.assign(bytes, bytes + (text.size() + 1) * sizeof(wchar_t));
+        AppendUtf16(value.data, text);
         values.push_back(std::move(value));
     }
     return values;
