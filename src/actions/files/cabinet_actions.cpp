@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <map>
 #include <set>
 #include <string>
 #include <utility>
@@ -103,6 +104,21 @@ OtherRecords ReadOtherRecords(const CabinetItem& item) {
     return others;
 }
 
+// The other products' records, read once per action and hive: only this
+// product's own records change while the action runs.
+class OtherRecordsCache {
+public:
+    const OtherRecords& For(const CabinetItem& item) {
+        const std::wstring key = Records(item).Key() + ((item.attributes & PerUser) ? L"|user" : L"");
+        auto it = cache_.find(key);
+        if (it == cache_.end()) it = cache_.emplace(key, ReadOtherRecords(item)).first;
+        return it->second;
+    }
+
+private:
+    std::map<std::wstring, OtherRecords> cache_;
+};
+
 class InstallerCabinetMachine final : public CabinetMachine {
 public:
     std::wstring NewUuid() override { return CreateUuidString(); }
@@ -196,7 +212,7 @@ std::vector<std::wstring> CreateMissingFolders(Journal& journal, const std::wstr
 
 // --- Carrying out a row ---
 
-void Extract(const CabinetItem& item) {
+void Extract(const CabinetItem& item, OtherRecordsCache& otherRecords) {
     if (const std::wstring why = CabinetTargetProblem(item.target); !why.empty()) {
         Throw(kInvalidArgument, L"Refused to extract cabinet '" + item.id + L"' into '" + item.target + L"': " + why +
                                     L".");
@@ -224,7 +240,7 @@ void Extract(const CabinetItem& item) {
     // row's own (a repair), or another product's (a major upgrade: both
     // records then hold it, and it stays until the last one goes).
     const std::optional<CabinetRecord> earlier = ReadRecord(item);
-    const OtherRecords others = ReadOtherRecords(item);
+    const OtherRecords& others = otherRecords.For(item);
     std::set<std::wstring> placedBefore = others.files;
     if (earlier) {
         for (const std::wstring& file : earlier->files) placedBefore.insert(PathKey(file));
@@ -272,7 +288,7 @@ void Extract(const CabinetItem& item) {
 
 // Uninstall: the recorded files go into the work folder, then the recorded
 // folders left empty, deepest first, then the record.
-void Remove(const CabinetItem& item) {
+void Remove(const CabinetItem& item, OtherRecordsCache& otherRecords) {
     if (!Exists(DirectoryOf(item.target))) {
         LogInfo(L"Nothing to remove for cabinet '%s': the folder '%s' is gone.", item.id, item.target);
         WriteRecord(item, {});
@@ -280,7 +296,7 @@ void Remove(const CabinetItem& item) {
     }
     const std::wstring work = MakeWorkFolder(item);
     Journal journal(work);
-    const std::set<std::wstring> shared = ReadOtherRecords(item).files;
+    const std::set<std::wstring>& shared = otherRecords.For(item).files;
     for (std::size_t i = 0; i < item.record.files.size(); ++i) {
         const std::wstring& path = item.record.files[i];
         const DWORD attributes = Attributes(path);
@@ -366,9 +382,10 @@ void RollbackItem(const CabinetItem& item) {
 // action (the installer's rollback then takes back every row).
 void CarryOut(const CabinetActionData& data) {
     std::vector<std::wstring> warnings;
+    OtherRecordsCache otherRecords;
     for (const CabinetItem& item : data.items) {
         try {
-            item.remove ? Remove(item) : Extract(item);
+            item.remove ? Remove(item, otherRecords) : Extract(item, otherRecords);
         } catch (const Exception& e) {
             if (!(item.attributes & WarnOnFailure)) {
                 WriteWarnings(data.warningsFile, warnings);
