@@ -13,7 +13,7 @@ from machine_state import fresh_folder
 from msipackage import TEST_TOOLS, InstallerCase, library_lines
 
 RECORDS = "HKLM\\Software\\Setup Utils\\PermissionEx"  # reg.exe has the DLL's bitness: the same view
-REPLACE, PROTECT, VIEW64, EXACT = 0x1, 0x4, 0x40, 0x200
+REPLACE, PROTECT, CHILDREN, VIEW64, EXACT = 0x1, 0x4, 0x20, 0x40, 0x200
 
 
 class Permissions(InstallerCase):
@@ -56,6 +56,21 @@ class Permissions(InstallerCase):
         self.run_expecting(0, package, "/x", log="uninstall-again.log")
         self.assertTrue(self.key_sddl(key)[0].endswith("D:(A;;KA;;;BA)(A;CI;KR;;;AU)(A;;KR;;;SY)"))
         self.assertIsNone(self.prefix.reg_query(f"{RECORDS}\\{package.product_code}"))
+
+    def test_existing_children_receive_the_entry_and_give_it_back(self):
+        key = "Software\\SetupUtilsPerm\\" + self.name
+        self.scratch_keys("HKLM\\" + key)
+        self.prefix.reg("add", "HKLM\\" + key + "\\A\\B", "/f")
+        self.key_sddl(key + "\\A\\B", "D:P(A;;KA;;;BA)")  # a protected child keeps its own
+        before = [self.key_sddl(k) for k in (key, key + "\\A", key + "\\A\\B")]
+        package = self.package([("Tree", 2, key, "2", "D:(A;CI;KR;;;AU)", VIEW64 | CHILDREN)])
+        self.run_expecting(1603, package, "/i", "SETUPUTILS_FORCE_ROLLBACK=1", log="forced.log")
+        self.assertEqual([self.key_sddl(k) for k in (key, key + "\\A", key + "\\A\\B")], before)
+        self.run_expecting(0, package, "/i", log="install.log")
+        self.assertIn("(A;CIID;KR;;;AU)", self.key_sddl(key + "\\A")[0])
+        self.assertEqual(self.key_sddl(key + "\\A\\B"), before[2])
+        self.run_expecting(0, package, "/x", log="uninstall.log")
+        self.assertEqual([self.key_sddl(k) for k in (key, key + "\\A", key + "\\A\\B")], before)
 
     def test_a_file_gets_its_mode_back_and_a_bad_sddl_changes_nothing(self):
         win = "C:\\permt\\" + self.name

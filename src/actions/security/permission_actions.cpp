@@ -9,7 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "actions/registry/registry_access.h"
 #include "actions/security/permission_plan.h"
+#include "runtime/action_data.h"
 #include "runtime/exception.h"
 #include "runtime/program_log.h"
 #include "runtime/throw.h"
@@ -199,6 +201,70 @@ void WriteSddl(const PermissionItem& item, const std::wstring& sddl) {
     if (back != sddl) LogInfo(L"It reads back as '%s' (the object keeps only part of a descriptor).", back);
 }
 
+// The existing children of a folder or key, depth first, links never entered
+// (a link itself is no child of ours either).
+void ListFolder(const std::wstring& folder, int depth, std::vector<PermissionItem>& children, const PermissionItem& row) {
+    constexpr int kMaxDepth = 512;
+    if (depth >= kMaxDepth) return;
+    WIN32_FIND_DATAW data;
+    FindHandle find(::FindFirstFileW(LongPathForm(JoinPath(folder, L"*")).c_str(), &data));
+    if (!find) return;
+    do {
+        const std::wstring name = data.cFileName;
+        if (name == L"." || name == L"..") continue;
+        const std::wstring path = JoinPath(folder, name);
+        const DWORD attributes = ::GetFileAttributesW(LongPathForm(path).c_str());
+        if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_REPARSE_POINT)) continue;
+        PermissionItem child = row;
+        child.object = path;
+        child.objectType = (attributes & FILE_ATTRIBUTE_DIRECTORY) ? Folder : File;
+        children.push_back(child);
+        if (child.objectType == Folder) ListFolder(path, depth + 1, children, row);
+    } while (::FindNextFileW(find.Get(), &data));
+}
+
+std::vector<PermissionItem> Children(const PermissionItem& item) {
+    std::vector<PermissionItem> children;
+    if (!(item.attributes & permission::Children)) return children;
+    if (item.objectType == Folder) ListFolder(item.object, 0, children, item);
+    if (item.objectType == permission::RegistryKey) {
+        const std::vector<std::wstring> tree = CollectKeyTree(item.root, item.object, ObjectOf(item).view);
+        for (std::size_t i = 1; i < tree.size(); ++i) {
+            PermissionItem child = item;
+            child.object = tree[i];
+            children.push_back(child);
+        }
+    }
+    return children;
+}
+
+// The row's inheritable entries brought to (or, on uninstall, taken from) each
+// existing child, each child captured first under the run's name.
+void ApplyToChildren(const PermissionItem& item, const std::wstring& product, bool uninstall) {
+    const std::vector<PermissionItem> children = Children(item);
+    if (children.empty()) return;
+    LogInfo(L"%s the permissions '%s' %s the %u existing children of '%s'.", uninstall ? L"Take back" : L"Apply",
+            item.id, uninstall ? L"from" : L"to", children.size(), item.object);
+    const Sddl row = *ParseSddl(item.sddl);
+    for (std::size_t i = 0; i < children.size(); ++i) {
+        const PermissionItem& child = children[i];
+        const std::vector<unsigned char> bytes = ReadSecurityDescriptor(ObjectOf(child), false);
+        const std::wstring currentText = DescriptorToSddl(bytes);
+        const Sddl current = *ParseSddl(currentText);
+        const std::vector<SddlAce> inherited = InheritedEntries(row, child.objectType != File);
+        const std::wstring wanted = (uninstall ? TakeBackPermissions(current, inherited)
+                                               : MergeInherited(current, inherited, nullptr)).Text();
+        if (wanted == currentText) continue;
+        PropertyMap capture;
+        capture.Set(L"type", child.objectType);
+        capture.Set(L"object", child.object);
+        capture.Set(L"bytes", BytesToHex(bytes));
+        Captures(product).Write(item.run + L"|" + std::to_wstring(i), EncodeActionData(capture));
+        LogInfo(L"Child %u of %u:", static_cast<unsigned>(i + 1), static_cast<unsigned>(children.size()));
+        WriteSddl(child, wanted);
+    }
+}
+
 void Apply(const PermissionItem& item, const std::wstring& product, bool uninstall) {
     const std::optional<std::vector<unsigned char>> bytes = ReadCurrent(item);
     if (!bytes) return;
@@ -227,6 +293,7 @@ void Apply(const PermissionItem& item, const std::wstring& product, bool uninsta
                 WriteSddl(item, TakeBackPermissions(current, added).Text());
             }
         }
+        if (!(item.attributes & Permanent)) ApplyToChildren(item, product, true);
         Records(product).Remove(item.id);
         return;
     }
@@ -240,6 +307,7 @@ void Apply(const PermissionItem& item, const std::wstring& product, bool uninsta
     } else {
         WriteSddl(item, merged);
     }
+    ApplyToChildren(item, product, false);
     // A repair keeps the first capture: the descriptor from before the product.
     for (const SddlAce& ace : added) record.added.push_back(ace.Text());
     if (!(item.attributes & Permanent)) {
@@ -279,6 +347,21 @@ void Undo(const Session& session) {
             Leniently([&] { WriteRecordText(data.product, item.id, item.record); });
         }
         if (captured) captures.Remove(item.run);
+        // The children this run changed, by the names it captured them under.
+        for (const auto& [name, text] : captures.ReadAll()) {
+            if (name.rfind(item.run + L"|", 0) != 0) continue;
+            if (!commit) {
+                Leniently([&] {
+                    const PropertyMap capture = DecodeActionData(text);
+                    PermissionItem child = item;
+                    child.objectType = capture.GetInteger(L"type");
+                    child.object = capture.Get(L"object");
+                    LogInfo(L"Put back the security descriptor of '%s'.", child.object);
+                    WriteSecurityDescriptor(ObjectOf(child), HexToBytes(capture.View(L"bytes")));
+                });
+            }
+            captures.Remove(name);
+        }
     }
 }
 

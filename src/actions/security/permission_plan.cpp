@@ -40,7 +40,9 @@ std::wstring PermissionRowProblem(const PermissionRow& row) {
                       L"(HKEY_LOCAL_MACHINE), 3 (HKEY_USERS)", row.root);
     }
     if (row.attributes & ~kKnownBits) return Format(L"the attributes %d hold bits the library does not know", row.attributes);
-    if (row.attributes & Children) return L"applying to existing children (0x20) is not supported yet";
+    if ((row.attributes & Children) && row.objectType != Folder && row.objectType != RegistryKey) {
+        return L"existing children (0x20) belong to a folder or a registry key only";
+    }
     if ((row.attributes & Protect) && (row.attributes & Unprotect)) return L"it both protects (0x4) and unprotects (0x8)";
     if ((row.attributes & Replace) && (row.attributes & Revoke)) return L"it both replaces (0x1) and revokes (0x2)";
     if (row.object.empty()) return L"the object is empty";
@@ -109,11 +111,47 @@ Sddl MergePermissions(const Sddl& current, const Sddl& row, int attributes, std:
     return merged;
 }
 
+std::vector<SddlAce> InheritedEntries(const Sddl& row, bool container) {
+    std::vector<SddlAce> entries;
+    for (const SddlAce& ace : row.dacl) {
+        const bool oi = HasFlag(ace.flags, L"OI"), ci = HasFlag(ace.flags, L"CI"), np = HasFlag(ace.flags, L"NP");
+        SddlAce child = ace;
+        if (!container) {
+            if (!oi) continue;
+            child.flags = L"ID";
+        } else if (ci) {
+            child.flags = np ? L"ID" : std::wstring(oi ? L"OI" : L"") + L"CIID";
+        } else if (oi && !np) {
+            child.flags = L"OIIOID";
+        } else {
+            continue;
+        }
+        entries.push_back(std::move(child));
+    }
+    return entries;
+}
+
+Sddl MergeInherited(const Sddl& child, const std::vector<SddlAce>& inherited, std::vector<SddlAce>* added) {
+    Sddl merged = child;
+    if (HasFlag(merged.daclFlags, L"P")) return merged;
+    std::size_t at = 0;
+    while (at < merged.dacl.size() && !merged.dacl[at].Inherited()) ++at;
+    for (const SddlAce& ace : inherited) {
+        if (std::any_of(merged.dacl.begin(), merged.dacl.end(), [&](const SddlAce& e) { return SameEntry(e, ace); })) {
+            continue;
+        }
+        merged.dacl.insert(merged.dacl.begin() + static_cast<std::ptrdiff_t>(at++), ace);
+        if (added) added->push_back(ace);
+    }
+    return merged;
+}
+
 Sddl TakeBackPermissions(const Sddl& current, const std::vector<SddlAce>& added) {
     Sddl result = current;
     for (const SddlAce& ace : added) {
+        // The flags tell an explicit entry from an inherited one (ID).
         const auto it = std::find_if(result.dacl.begin(), result.dacl.end(),
-                                     [&](const SddlAce& e) { return !e.Inherited() && SameEntry(e, ace); });
+                                     [&](const SddlAce& e) { return SameEntry(e, ace); });
         if (it != result.dacl.end()) result.dacl.erase(it);
     }
     return result;

@@ -23,7 +23,7 @@ enum : int {
     Protect = 0x4,       // stop inheritance, the inherited entries kept as explicit ones
     Unprotect = 0x8,     // inherit again
     Owner = 0x10,        // also set the owner from O:
-    Children = 0x20,     // existing children too (not yet: refused)
+    Children = 0x20,     // the existing children of a folder or key receive the inheritable entries
     View64 = 0x40,       // registry keys: the 64-bit view
     Permanent = 0x80,    // uninstall leaves the change
     SkipMissing = 0x100, // a missing object is a logged skip
@@ -58,6 +58,16 @@ Decision DecidePermission(ComponentStates& states, const PermissionRow& row, boo
 // protecting or unprotecting, setting the owner. `added` receives the entries
 // that were not there before (what uninstall takes back).
 Sddl MergePermissions(const Sddl& current, const Sddl& row, int attributes, std::vector<SddlAce>* added);
+
+// The row's entries as an existing child receives them from its parent, the
+// way Windows propagates them: a container (a folder or key) gets the
+// container-inherit entries (and object-inherit ones as inherit-only), a file
+// the object-inherit ones; all marked inherited (ID), no further inheritance
+// flags after NP.
+std::vector<SddlAce> InheritedEntries(const Sddl& row, bool container);
+// A child's descriptor with those entries among its inherited ones, first,
+// unless it is protected or holds them already; `added` receives the new ones.
+Sddl MergeInherited(const Sddl& child, const std::vector<SddlAce>& inherited, std::vector<SddlAce>* added);
 
 // Uninstall's default: the entries the row added leave the descriptor as it
 // stands now; whatever else changed since (an administrator's entry) stays.

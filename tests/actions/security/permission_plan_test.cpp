@@ -60,6 +60,26 @@ TEST(PermissionMerge, EveryModeKeepsCanonicalOrderAndInheritedEntries) {
     EXPECT_FALSE(CanonicalOrder(Parsed(L"D:(A;ID;FA;;;BA)(A;;FA;;;WD)").dacl));
 }
 
+TEST(PermissionMerge, ChildrenReceiveTheInheritableEntriesAsWindowsPropagatesThem) {
+    const Sddl row = Parsed(L"D:(A;OICI;FA;;;AU)(A;CI;FR;;;BU)(A;OI;FX;;;WD)(A;CINP;FW;;;SY)(A;;FA;;;BA)");
+    const auto texts = [](const std::vector<SddlAce>& aces) {
+        std::wstring all;
+        for (const SddlAce& ace : aces) all += ace.Text();
+        return all;
+    };
+    EXPECT_EQ(texts(InheritedEntries(row, true)),
+              L"(A;OICIID;FA;;;AU)(A;CIID;FR;;;BU)(A;OIIOID;FX;;;WD)(A;ID;FW;;;SY)");
+    EXPECT_EQ(texts(InheritedEntries(row, false)), L"(A;ID;FA;;;AU)(A;ID;FX;;;WD)");
+    // After the child's explicit entries, once; a protected child keeps its own.
+    const std::vector<SddlAce> inherited = InheritedEntries(Parsed(L"D:(A;CI;KA;;;BU)"), true);
+    std::vector<SddlAce> added;
+    const Sddl child = MergeInherited(Parsed(L"D:(A;;KR;;;AU)(A;CIID;KR;;;SY)"), inherited, &added);
+    EXPECT_EQ(child.Text(), L"D:(A;;KR;;;AU)(A;CIID;KA;;;BU)(A;CIID;KR;;;SY)");
+    EXPECT_EQ(MergeInherited(child, inherited, nullptr), child);
+    EXPECT_EQ(MergeInherited(Parsed(L"D:P(A;;KR;;;AU)"), inherited, nullptr).Text(), L"D:P(A;;KR;;;AU)");
+    EXPECT_EQ(TakeBackPermissions(child, added).Text(), L"D:(A;;KR;;;AU)(A;CIID;KR;;;SY)");
+}
+
 TEST(PermissionMerge, UninstallTakesBackOnlyWhatTheRowAdded) {
     std::vector<SddlAce> added;
     const std::wstring installed = Merged(L"D:(A;;FR;;;BU)", L"D:(A;;FR;;;BU)(A;;FA;;;AU)", 0, &added);
@@ -83,7 +103,7 @@ TEST(PermissionPlan, RowsAreCheckedAndTheirDataTravels) {
         {{L"P", L"Main", File, L"C:\\a", -1, L"D:(A;OICI;FA;;;BU)", L"", 0}, L"carries inheritance flags"},
         {{L"P", L"Main", File, L"C:\\a", -1, L"O:BA", L"", 0}, L"gives no DACL"},
         {{L"P", L"Main", Folder, L"C:\\a", -1, L"D:", L"", Protect | Unprotect}, L"both protects"},
-        {{L"P", L"Main", Folder, L"C:\\a", -1, L"D:", L"", Children}, L"not supported yet"},
+        {{L"P", L"Main", File, L"C:\\a", -1, L"D:", L"", Children}, L"belong to a folder or a registry key only"},
         {{L"P", L"Main", Folder, L"C:\\a", -1, L"D:", L"", 0x400}, L"bits the library does not know"},
     };
     for (const auto& [row, why] : bad) EXPECT_NE(PermissionRowProblem(row).find(why), std::wstring::npos) << why;
