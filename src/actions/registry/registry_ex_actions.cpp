@@ -265,8 +265,12 @@ void InstallRegFiles(Session& session) {
 
 void UninstallRegFiles(Session& session) {
     ProgramLogSink log;
-    const LocatedState located = [&session](const std::wstring& component) {
-        return LocateComponent(session, component);
+    // Asked once per component, whatever the number of its rows.
+    std::map<std::wstring, int> locatedStates;
+    const LocatedState located = [&session, &locatedStates](const std::wstring& component) {
+        auto it = locatedStates.find(component);
+        if (it == locatedStates.end()) it = locatedStates.emplace(component, LocateComponent(session, component)).first;
+        return it->second;
     };
     SessionComponentStates states(session);
     const std::optional<std::vector<RegistryExRow>> rows = ReadRows(session, states, log);

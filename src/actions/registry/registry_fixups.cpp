@@ -1,5 +1,6 @@
 #include "actions/registry/registry_fixups.h"
 
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -36,6 +37,7 @@ std::optional<std::vector<QwordRow>> ReadQwordRows(const Session& session) {
     });
     if (!exists) return std::nullopt;
     std::vector<QwordRow> rows;
+    std::map<std::wstring, bool> win64;
     for (const auto& [id, rest] : raw) {
         const std::optional<Record> registry = FetchOne(database, kRegistryRowQuery, id);
         if (!registry) Throw(kInvalidArgument, L"The RegistryQword row '" + id + L"' names no Registry row.");
@@ -49,9 +51,13 @@ std::optional<std::vector<QwordRow>> ReadQwordRows(const Session& session) {
         row.component = registry->GetString(4);
         row.value = session.FormatText(rest.first);
         row.condition = rest.second;
-        if (const std::optional<Record> component = FetchOne(database, kComponentQuery, row.component)) {
-            row.win64 = (component->GetInteger(1) & kComponent64Bit) != 0;
+        // One lookup per component, whatever the number of its rows.
+        auto known = win64.find(row.component);
+        if (known == win64.end()) {
+            const std::optional<Record> component = FetchOne(database, kComponentQuery, row.component);
+            known = win64.emplace(row.component, component && (component->GetInteger(1) & kComponent64Bit) != 0).first;
         }
+        row.win64 = known->second;
         rows.push_back(std::move(row));
     }
     return rows;
