@@ -78,7 +78,9 @@ std::wstring RowText(const MoveFileItem& item) {
 }
 
 // Carries out one row's copy or move, after backing up its destination.
-void CarryOut(const MoveFileItem& item) {
+// `queued`: the restart-time rename list, read once per phase at the first
+// restart move that needs it, and kept up to date with the moves queued since.
+void CarryOut(const MoveFileItem& item, std::optional<PendingRenameList>& queued) {
     const std::wstring& from = item.source;
     const std::wstring& to = item.destination;
     if (const std::wstring problem = MoveFilePathProblem(from, to); !problem.empty()) {
@@ -132,11 +134,14 @@ void CarryOut(const MoveFileItem& item) {
     if (atRestart) LogInfo(L"Need to move files on reboot %s.", RowText(item));
     if (item.attributes & Move) {
         if (!atRestart) return MoveFileWithFallback(from, to, true);
-        if (HasPendingRename(ReadPendingRenamesLeniently(), from, to)) {
+        if (!queued) queued = ReadPendingRenamesLeniently();
+        if (HasPendingRename(*queued, from, to)) {
             LogInfo(L"Move file on reboot already scheduled '%s' -> '%s'.", from, to);
             return;
         }
-        return MoveFileOnReboot(from, to);
+        MoveFileOnReboot(from, to);
+        queued->push_back({from, to});
+        return;
     }
     if (atRestart) return CopyFileOnReboot(from, to);
     CopyFileWithFallback(from, to, true);
@@ -147,9 +152,10 @@ void CarryOut(const MoveFileItem& item) {
 // failure ends the phase.
 void CarryOutRows(const std::vector<MoveFileItem>& items, const std::wstring& warningsFile) {
     std::vector<std::wstring> warnings;
+    std::optional<PendingRenameList> queued;
     for (const MoveFileItem& item : items) {
         try {
-            CarryOut(item);
+            CarryOut(item, queued);
         } catch (const Exception& e) {
             if (!(item.attributes & ContinueOnError)) {
                 WriteWarnings(warningsFile, warnings);
