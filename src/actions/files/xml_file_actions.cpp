@@ -175,6 +175,8 @@ std::vector<XmlUndoStep> Apply(XmlDocument& document, const XmlEdit& edit, const
     const auto count = static_cast<unsigned>(nodes.size());
     std::vector<XmlUndoStep> steps;
     const bool secret = (edit.attributes & Secret) != 0;
+    // Only these edits keep a record: the others need no node positions.
+    const bool recorded = !(edit.attributes & (Permanent | OnUninstall));
     switch (edit.action) {
     case SetValue:
     case SetEveryValue:
@@ -185,19 +187,19 @@ std::vector<XmlUndoStep> Apply(XmlDocument& document, const XmlEdit& edit, const
             LogInfo(L"Set the text of %u node(s) matching '%s' in '%s' to '%s'.", count, edit.xpath, file, value);
         }
         for (const auto& node : nodes) {
-            XmlUndoStep step{edit.name.empty() ? XmlUndoStep::Text : XmlUndoStep::Attribute,
-                             XmlDocument::PositionOf(node), edit.name, std::nullopt, L"", 0,
-                             XmlDocument::NameOf(node), L""};
-            if (edit.name.empty()) {
-                step.value = XmlDocument::Text(node);
-                XmlDocument::SetText(node, edit.value);
-            } else {
-                step.value = XmlDocument::Attribute(node, edit.name);
-                XmlDocument::SetAttribute(node, edit.name, edit.value);
-            }
             // A secret's old value is kept nowhere (the record is readable by
             // every user): uninstall leaves the value as it is.
-            if (!secret) steps.push_back(std::move(step));
+            const bool keep = recorded && !secret;
+            XmlUndoStep step;
+            if (keep) {
+                step = {edit.name.empty() ? XmlUndoStep::Text : XmlUndoStep::Attribute, XmlDocument::PositionOf(node),
+                        edit.name, std::nullopt, L"", 0, XmlDocument::NameOf(node), L""};
+                step.value = edit.name.empty() ? std::optional<std::wstring>(XmlDocument::Text(node))
+                                               : XmlDocument::Attribute(node, edit.name);
+            }
+            if (edit.name.empty()) XmlDocument::SetText(node, edit.value);
+            else XmlDocument::SetAttribute(node, edit.name, edit.value);
+            if (keep) steps.push_back(std::move(step));
         }
         break;
     case CreateElement:
@@ -205,7 +207,7 @@ std::vector<XmlUndoStep> Apply(XmlDocument& document, const XmlEdit& edit, const
         for (const auto& node : nodes) {
             const auto created = document.AppendElement(node, edit.name, edit.value, edit.namespaces);
             if (RepeatsAPermanentEdit(edit, {created})) continue;
-            steps.push_back(Made(created));
+            if (recorded) steps.push_back(Made(created));
         }
         break;
     case DeleteAttribute:
@@ -214,7 +216,7 @@ std::vector<XmlUndoStep> Apply(XmlDocument& document, const XmlEdit& edit, const
             const std::optional<std::wstring> old = XmlDocument::Attribute(node, edit.name);
             if (!old) continue;
             XmlDocument::RemoveAttribute(node, edit.name);
-            if (!secret) {
+            if (!secret && recorded) {
                 steps.push_back({XmlUndoStep::Attribute, XmlDocument::PositionOf(node), edit.name, old, L"", 0,
                                  XmlDocument::NameOf(node), L""});
             }
@@ -234,7 +236,7 @@ std::vector<XmlUndoStep> Apply(XmlDocument& document, const XmlEdit& edit, const
         LogInfo(L"Append a fragment under %u node(s) matching '%s' in '%s'.", count, edit.xpath, file);
         for (const auto& node : nodes) {
             const std::vector<XmlDocument::NodePtr> added = document.AppendFragment(node, edit.value, edit.namespaces);
-            if (RepeatsAPermanentEdit(edit, added)) continue;
+            if (RepeatsAPermanentEdit(edit, added) || !recorded) continue;
             for (const auto& one : added) steps.push_back(Made(one));
         }
         break;
