@@ -19,7 +19,13 @@ rounds, and the ratio TextFile/IniFile of the medians. The installer calls
 the library made per row are counted from a run with the verbose-level
 statistics line ("Installer calls: N.").
 
-  bench/row_cost.py [--family text|registry|move|remove] [--rows 1000,10000] [--rounds 3]
+  xml       XmlFile rows setting an attribute of one element each, over 100
+            files, against IniFile rows;
+  cab       CabPackage rows extracting one small cabinet into a folder each,
+            against DuplicateFile rows copying the same bytes;
+  qword     RegistryQword rows over Registry rows, against the Registry rows alone.
+
+  bench/row_cost.py [--family text|registry|move|remove|xml|cab|qword] [--rows 1000,10000] [--rounds 3]
 """
 
 import argparse
@@ -35,7 +41,10 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tools"))
 
+from cabinet import cabinet_bytes  # noqa: E402
 from msipackage import BUILD, Package, Prefix, library_lines  # noqa: E402
+
+CABINET = cabinet_bytes([("payload.txt", b"the same bytes")])
 
 FILES = 100
 TEMPLATE = Path(os.environ.get("UTILS_WINE_TEMPLATE", BUILD / "wine" / "template"))
@@ -53,7 +62,8 @@ INI_HEADER = ["IniFile\tFileName\tDirProperty\tSection\tKey\tValue\tAction\tComp
 
 def package(family, kind, rows):
     name = f"RowCost{family}{kind}{rows}"
-    p = Package(name, directory="RowCost").add_component("Main", [("readme", "readme.txt", "r")])
+    files = [("readme", "readme.txt", "r")] + ([("payload", "payload.cab", CABINET)] if family == "cab" else [])
+    p = Package(name, directory="RowCost").add_component("Main", files)
     key = "Software\\SetupUtilsRowCost\\k{}"
     if (family, kind) == ("text", "ours"):
         p.use_kit(*TEXT_ACTIONS)
@@ -77,6 +87,25 @@ def package(family, kind, rows):
         p.tables["DuplicateFile"] = (DUPLICATE_HEADER, [[f"D{i}", "Main", "readme", f"copy{i}.txt", "INSTALLDIR"]
                                                         for i in range(rows)])
         p.sequence += [["DuplicateFiles", "", "4210"], ["RemoveDuplicateFiles", "", "3400"]]
+    elif (family, kind) == ("xml", "ours"):
+        p.add_table("XmlFile", [(f"X{i}", f"[INSTALLDIR]x{i % FILES}.xml", f"/c/e[@k='k{i}']", "0", "v",
+                                 f"value {i} of [ProductName]", "", "1", "0", "Main", "") for i in range(rows)])
+    elif (family, kind) == ("xml", "theirs"):
+        p.tables["IniFile"] = (INI_HEADER, [[f"I{i}", f"file{i % FILES}.ini", "INSTALLDIR", "settings", f"key{i}",
+                                             f"value {i} of [ProductName]", "0", "Main"] for i in range(rows)])
+        p.sequence += [["WriteIniValues", "", "5100"], ["RemoveIniValues", "", "3800"]]
+    elif (family, kind) == ("cab", "ours"):
+        p.add_table("CabPackage", [(f"C{i}", "[#payload]", f"[INSTALLDIR]c{i}", "0", "Main", "") for i in range(rows)])
+    elif (family, kind) == ("cab", "theirs"):
+        p.tables["DuplicateFile"] = (DUPLICATE_HEADER, [[f"D{i}", "Main", "payload", f"copy{i}.cab", "INSTALLDIR"]
+                                                        for i in range(rows)])
+        p.sequence += [["DuplicateFiles", "", "4210"], ["RemoveDuplicateFiles", "", "3400"]]
+    elif family == "qword":
+        p.tables["Registry"] = (REGISTRY_HEADER, [[f"R{i}", "2", key.format(i % FILES), f"q{i}", "#1", "Main"]
+                                                  for i in range(rows)])
+        p.sequence += [["WriteRegistryValues", "", "5000"], ["RemoveRegistryValues", "", "2600"]]
+        if kind == "ours":
+            p.add_table("RegistryQword", [(f"R{i}", str(2 ** 40 + i), "") for i in range(rows)])
     elif (family, kind) == ("remove", "ours"):
         p.add_table("RemoveFileEx", [(f"X{i}", "Main", f"[INSTALLDIR]old{i}.tmp", "0", "1", "") for i in range(rows)])
     elif (family, kind) == ("remove", "theirs"):
@@ -86,13 +115,18 @@ def package(family, kind, rows):
 
 
 def plant_files(prefix, family, rows):
-    """The files the removal families remove, made before each install."""
-    if family != "remove":
-        return
+    """The files the removal families remove, and the XML files the xml
+    family edits, made before each install."""
     folder = prefix.root / "drive_c" / "Program Files" / "RowCost"
-    folder.mkdir(parents=True, exist_ok=True)
-    for i in range(rows):
-        (folder / f"old{i}.tmp").write_bytes(b"old")
+    if family == "remove":
+        folder.mkdir(parents=True, exist_ok=True)
+        for i in range(rows):
+            (folder / f"old{i}.tmp").write_bytes(b"old")
+    if family == "xml":
+        folder.mkdir(parents=True, exist_ok=True)
+        for f in range(FILES):
+            elements = "".join(f'<e k="k{i}" v="0"/>' for i in range(f, rows, FILES))
+            (folder / f"x{f}.xml").write_text(f"<c>{elements}</c>")
 
 
 def action_span(log_text, action):
@@ -107,10 +141,15 @@ FAMILIES = {  # labels of ours and theirs, and the immediate action whose instal
     "registry": ("RegistryEx", "Registry", "InstallRegFiles"),
     "move": ("MoveFileEx", "DuplicateFile", "MoveFilesEx"),
     "remove": ("RemoveFileEx", "RemoveFile", "RemoveFilesEx"),
+    "xml": ("XmlFile", "IniFile", "InstallXmlFiles"),
+    "cab": ("CabPackage", "DuplicateFile", "InstallCabs"),
+    "qword": ("RegistryQword", "Registry", "FixQwordRegistry"),
 }
 UNITS = {"text": "files", "registry": "keys", "move": "copies of one installed file",
-         "remove": "files removed (deferred, undoably) from one folder"}
-FILES_PER_FAMILY = {"text": FILES, "registry": FILES, "move": "", "remove": ""}
+         "remove": "files removed (deferred, undoably) from one folder", "xml": "XML files",
+         "cab": "folders, one small cabinet each", "qword": "keys"}
+FILES_PER_FAMILY = {"text": FILES, "registry": FILES, "move": "", "remove": "", "xml": FILES, "cab": "",
+                    "qword": FILES}
 
 
 def cpu_of(pid):

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <optional>
+#include <tuple>
 #include <vector>
 
 #include "actions/registry/registry_access.h"
@@ -15,8 +16,9 @@ namespace setup {
 namespace {
 
 constexpr wchar_t kQwordQuery[] = L"SELECT `Registry_`, `Value`, `Condition` FROM `RegistryQword`";
-constexpr wchar_t kRegistryRowQuery[] =
-    L"SELECT `Root`, `Key`, `Name`, `Component_` FROM `Registry` WHERE `Registry` = ?";
+constexpr wchar_t kRegistryJoinQuery[] =
+    L"SELECT `Registry`.`Registry`, `Registry`.`Root`, `Registry`.`Key`, `Registry`.`Name`, `Registry`.`Component_` "
+    L"FROM `Registry`, `RegistryQword` WHERE `Registry`.`Registry` = `RegistryQword`.`Registry_`";
 constexpr wchar_t kComponentQuery[] = L"SELECT `Attributes` FROM `Component` WHERE `Component` = ?";
 constexpr int kComponent64Bit = 0x100;  // msidbComponentAttributes64bit
 
@@ -29,28 +31,40 @@ std::optional<Record> FetchOne(const Database& database, const wchar_t* query, c
 }
 
 // The RegistryQword rows joined with their Registry rows; nothing without the table.
+// Two fetches a row: the table's own rows, then the Registry rows they name
+// through one join (a join alone would hide a row whose Registry row is
+// missing, and that must stay an error). The texts are formatted in one batch.
 std::optional<std::vector<QwordRow>> ReadQwordRows(const Session& session) {
     const Database database = session.ActiveDatabase();
-    std::vector<std::pair<std::wstring, std::pair<std::wstring, std::wstring>>> raw;
+    std::vector<QwordRow> rows;
     const bool exists = database.ForEachRowOfTable(L"RegistryQword", kQwordQuery, [&](const Record& record) {
-        raw.push_back({record.GetString(1), {record.GetString(2), record.GetString(3)}});
+        QwordRow row;
+        row.id = record.GetString(1);
+        row.value = record.GetString(2);
+        row.condition = record.GetString(3);
+        rows.push_back(std::move(row));
     });
     if (!exists) return std::nullopt;
-    std::vector<QwordRow> rows;
+    // Registry row -> root, key, name, component (fields copied: no handle is kept per row).
+    std::map<std::wstring, std::tuple<int, std::wstring, std::wstring, std::wstring>> registry;
+    database.ForEachRow(kRegistryJoinQuery, [&](const Record& record) {
+        registry.emplace(record.GetString(1), std::tuple{record.GetInteger(2), record.GetString(3), record.GetString(4),
+                                                         record.GetString(5)});
+    });
     std::map<std::wstring, bool> win64;
-    for (const auto& [id, rest] : raw) {
-        const std::optional<Record> registry = FetchOne(database, kRegistryRowQuery, id);
-        if (!registry) Throw(kInvalidArgument, L"The RegistryQword row '" + id + L"' names no Registry row.");
-        QwordRow row;
-        row.id = id;
-        row.root = registry->GetInteger(1);
+    std::optional<std::wstring> allUsers;
+    for (QwordRow& row : rows) {
+        const auto found = registry.find(row.id);
+        if (found == registry.end()) Throw(kInvalidArgument, L"The RegistryQword row '" + row.id + L"' names no Registry row.");
+        std::wstring key, name;
+        std::tie(row.root, key, name, row.component) = found->second;
         // Root -1: the machine for a per-machine install, else the user.
-        if (row.root == -1) row.root = session.GetProperty(L"ALLUSERS").empty() ? 1 : 2;
-        row.key = session.FormatText(registry->GetString(2));
-        row.name = session.FormatText(registry->GetString(3));
-        row.component = registry->GetString(4);
-        row.value = session.FormatText(rest.first);
-        row.condition = rest.second;
+        if (row.root == -1) {
+            if (!allUsers) allUsers = session.GetProperty(L"ALLUSERS");
+            row.root = allUsers->empty() ? 1 : 2;
+        }
+        row.key = std::move(key);
+        row.name = std::move(name);
         // One lookup per component, whatever the number of its rows.
         auto known = win64.find(row.component);
         if (known == win64.end()) {
@@ -58,8 +72,8 @@ std::optional<std::vector<QwordRow>> ReadQwordRows(const Session& session) {
             known = win64.emplace(row.component, component && (component->GetInteger(1) & kComponent64Bit) != 0).first;
         }
         row.win64 = known->second;
-        rows.push_back(std::move(row));
     }
+    FormatRowTexts(session, rows, {&QwordRow::key, &QwordRow::name, &QwordRow::value});
     return rows;
 }
 
