@@ -471,9 +471,17 @@ void Plan(Session& session, bool uninstalling) {
     for (const XmlFileItem& item : data.items) {
         for (const XmlEdit& edit : item.edits) rollback.records.push_back({edit.id, ReadRecord(data.product, edit.id)});
     }
+    // Rollback and commit need the files and their copies, not the edits: the
+    // installer carries (and Wine logs) every action's data, so each copy of
+    // the edits is paid for by every row.
+    XmlFileActionData commit = data;
+    commit.handovers.clear();
+    for (XmlFileActionData* copy : {&rollback, &commit}) {
+        for (XmlFileItem& item : copy->items) item.edits.clear();
+    }
     session.ScheduleDeferred(L"InstallXmlFilesRollback", EncodeXmlFileActionData(rollback));
     session.ScheduleDeferred(L"InstallXmlFilesDeferred", EncodeXmlFileActionData(data));
-    session.ScheduleDeferred(L"InstallXmlFilesCommit", EncodeXmlFileActionData(data));
+    session.ScheduleDeferred(L"InstallXmlFilesCommit", EncodeXmlFileActionData(commit));
 }
 
 }  // namespace
