@@ -58,6 +58,13 @@ std::wstring CreateRandomHex() {
     return hex;
 }
 
+std::wstring SystemDirectory() {
+    wchar_t directory[MAX_PATH + 1];
+    const UINT length = ::GetSystemDirectoryW(directory, MAX_PATH + 1);
+    ThrowLastErrorIf(length == 0 || length > MAX_PATH, L"Failed to get system directory.");
+    return std::wstring(directory, length);
+}
+
 void MoveFileOnReboot(std::wstring_view source, std::wstring_view destination) {
     const std::wstring from(source);
     const std::wstring to(destination);

@@ -19,6 +19,9 @@ namespace setup {
 std::wstring CreateUuidString();
 // A fresh UUID as 32 hex digits: 122 random bits, for names nobody can guess.
 std::wstring CreateRandomHex();
+// The system directory (system32, or what the process's view makes of it);
+// throws "Failed to get system directory.".
+std::wstring SystemDirectory();
 
 // Queues, for the next restart, the deletion of the destination and then the
 // rename of the source onto it. Throws "Failed to move file on reboot ...".

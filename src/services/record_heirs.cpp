@@ -1,21 +1,15 @@
 #include "services/record_heirs.h"
 
-#include <cwctype>
 
 #include "runtime/program_log.h"
+#include "services/path.h"
 #include "services/record_store.h"
 
 namespace setup {
 
 namespace {
 
-bool SameText(std::wstring_view a, std::wstring_view b) {
-    if (a.size() != b.size()) return false;
-    for (std::size_t i = 0; i < a.size(); ++i) {
-        if (std::towupper(a[i]) != std::towupper(b[i])) return false;
-    }
-    return true;
-}
+bool SameText(std::wstring_view a, std::wstring_view b) { return PathKey(a) == PathKey(b); }
 
 void WriteOrRemove(const RecordStore& store, const std::wstring& id, const std::optional<std::wstring>& text) {
     if (text) {

@@ -9,6 +9,7 @@
 #include "runtime/exception.h"
 #include "runtime/program_log.h"
 #include "runtime/throw.h"
+#include "services/file_operations.h"
 #include "services/process_runner.h"
 
 namespace setup {
@@ -20,12 +21,7 @@ constexpr wchar_t kTable[] = L"EventManifest";
 // only these two must work (the kit's key column is optional).
 constexpr wchar_t kQuery[] = L"SELECT `Component_`, `File` FROM `EventManifest`";
 
-std::wstring SystemWevtutil() {
-    wchar_t directory[MAX_PATH + 1];
-    const UINT length = ::GetSystemDirectoryW(directory, MAX_PATH + 1);
-    ThrowLastErrorIf(length == 0 || length > MAX_PATH, L"Failed to get system directory.");
-    return WevtutilPath(std::wstring_view(directory, length));
-}
+std::wstring SystemWevtutil() { return WevtutilPath(SystemDirectory()); }
 
 // The table's rows, or nothing when the package has no such table.
 std::optional<std::vector<EventManifestRow>> ReadRows(const Session& session) {

@@ -10,6 +10,7 @@
 #include "runtime/program_log.h"
 #include "runtime/throw.h"
 #include "runtime/unique_handle.h"
+#include "services/file_operations.h"
 #include "services/path.h"
 #include "services/process_runner.h"
 
@@ -76,12 +77,7 @@ void Restore(const std::wstring& key, const KeyCapture& capture) {
     }
 }
 
-std::wstring SystemTool(const wchar_t* name) {
-    wchar_t directory[MAX_PATH + 1];
-    const UINT length = ::GetSystemDirectoryW(directory, MAX_PATH + 1);
-    ThrowLastErrorIf(length == 0 || length > MAX_PATH, L"Failed to get system directory.");
-    return JoinPath(std::wstring(directory, length), name);
-}
+std::wstring SystemTool(const wchar_t* name) { return JoinPath(SystemDirectory(), name); }
 
 // --- loadperf.dll, looked up when a row needs it ---
 
