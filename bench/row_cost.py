@@ -8,9 +8,7 @@ rows of the installer's own table doing the same work. Families:
   registry  direct RegistryEx rows against Registry rows (WriteRegistryValues),
             over 100 keys;
   move      deferred MoveFileEx copies of an installed file against
-            DuplicateFile rows (DuplicateFiles) making the same copies; the
-            library's immediate and deferred time per row is also printed,
-            from its own log timestamps.
+            DuplicateFile rows (DuplicateFiles) making the same copies.
 Rounds interleave the three; every run gets a fresh copy of the template
 prefix with its server warm, and a verbose log. Printed per row: the excess
 over the baseline in wall time and CPU (msiexec and its processes, and the
@@ -23,9 +21,23 @@ statistics line ("Installer calls: N.").
             files, against IniFile rows;
   cab       CabPackage rows extracting one small cabinet into a folder each,
             against DuplicateFile rows copying the same bytes;
-  qword     RegistryQword rows over Registry rows, against the Registry rows alone.
+  qword     RegistryQword rows over Registry rows, against the Registry rows alone;
+  integer   Registry rows whose value is #[PROPERTY] with FixRegistryIntegerProperties,
+            against the Registry rows with plain numbers;
+  manifest  EventManifest rows (the recording wevtutil double runs once a row), on their own.
+Families whose "rows" are the size of one item, on their own:
+  xmlnodes  one XML file of N elements and 1,000 rows each setting one of them;
+  xmlevery  one row setting an attribute of all N elements of one file;
+  cabentries one CabPackage row extracting a cabinet of N entries (at most 65,535).
 
-  bench/row_cost.py [--family text|registry|move|remove|xml|cab|qword] [--rows 1000,10000] [--rounds 3]
+The library's own time comes from a verbose run: each action logs
+"Time: T ms; installer calls N in I ms; registry calls M in R ms; own O ms."
+and the bench prints O (and I) per row for every action of the family. With
+more than one size, the ratio of the per-row figures of the largest size to
+the one before closes the output (1.00 is linear).
+
+  bench/row_cost.py [--family F] [--rows 1000,10000,100000] [--rounds 3]
+(UTILS_MSIEXEC_TIMEOUT raises the 180 s a run may take, for 100,000 rows.)
 """
 
 import argparse
@@ -42,11 +54,13 @@ ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tools"))
 
 from cabinet import cabinet_bytes  # noqa: E402
+from machine_state import WevtutilDouble  # noqa: E402
 from msipackage import BUILD, Package, Prefix, library_lines  # noqa: E402
 
 CABINET = cabinet_bytes([("payload.txt", b"the same bytes")])
 
 FILES = 100
+EDITS = 1000  # the rows of the xmlnodes family
 TEMPLATE = Path(os.environ.get("UTILS_WINE_TEMPLATE", BUILD / "wine" / "template"))
 PREFIX = BUILD / "bench" / "prefix"
 TEXT_ACTIONS = ("InstallTextFiles", "InstallTextFilesDeferred", "InstallTextFilesRollback", "InstallTextFilesCommit")
@@ -62,7 +76,11 @@ INI_HEADER = ["IniFile\tFileName\tDirProperty\tSection\tKey\tValue\tAction\tComp
 
 def package(family, kind, rows):
     name = f"RowCost{family}{kind}{rows}"
-    files = [("readme", "readme.txt", "r")] + ([("payload", "payload.cab", CABINET)] if family == "cab" else [])
+    files = [("readme", "readme.txt", "r")]
+    if family == "cab":
+        files.append(("payload", "payload.cab", CABINET))
+    if family == "cabentries":
+        files.append(("payload", "payload.cab", cabinet_bytes([(f"f{i}.txt", b"entry %d" % i) for i in range(rows)])))
     p = Package(name, directory="RowCost").add_component("Main", files)
     key = "Software\\SetupUtilsRowCost\\k{}"
     if (family, kind) == ("text", "ours"):
@@ -106,6 +124,24 @@ def package(family, kind, rows):
         p.sequence += [["WriteRegistryValues", "", "5000"], ["RemoveRegistryValues", "", "2600"]]
         if kind == "ours":
             p.add_table("RegistryQword", [(f"R{i}", str(2 ** 40 + i), "") for i in range(rows)])
+    elif family == "integer":
+        p.tables["Registry"] = (REGISTRY_HEADER, [[f"R{i}", "2", key.format(i % FILES), f"d{i}",
+                                                   f"#[P{i}]" if kind == "ours" else f"#{i}", "Main"]
+                                                  for i in range(rows)])
+        p.sequence += [["WriteRegistryValues", "", "5000"], ["RemoveRegistryValues", "", "2600"]]
+        if kind == "ours":
+            p.use_kit("FixRegistryIntegerProperties")
+            for i in range(rows):
+                p.add_property(f"P{i}", f" 0x{i:x}")
+    elif (family, kind) == ("manifest", "ours"):
+        p.add_table("EventManifest", [(f"E{i}", "Main", f"[INSTALLDIR]m{i}.man") for i in range(rows)])
+    elif (family, kind) == ("xmlnodes", "ours"):
+        p.add_table("XmlFile", [(f"X{j}", "[INSTALLDIR]big.xml", f"/c/e[@k='k{j * rows // EDITS}']", "0", "v",
+                                 f"value {j}", "", "1", "0", "Main", "") for j in range(EDITS)])
+    elif (family, kind) == ("xmlevery", "ours"):
+        p.add_table("XmlFile", [("Every", "[INSTALLDIR]big.xml", "/c/e", "1", "v", "new", "", "1", "0", "Main", "")])
+    elif (family, kind) == ("cabentries", "ours"):
+        p.add_table("CabPackage", [("Entries", "[#payload]", "[INSTALLDIR]entries", "0", "Main", "")])
     elif (family, kind) == ("remove", "ours"):
         p.add_table("RemoveFileEx", [(f"X{i}", "Main", f"[INSTALLDIR]old{i}.tmp", "0", "1", "") for i in range(rows)])
     elif (family, kind) == ("remove", "theirs"):
@@ -127,16 +163,17 @@ def plant_files(prefix, family, rows):
         for f in range(FILES):
             elements = "".join(f'<e k="k{i}" v="0"/>' for i in range(f, rows, FILES))
             (folder / f"x{f}.xml").write_text(f"<c>{elements}</c>")
+    if family in ("xmlnodes", "xmlevery"):
+        folder.mkdir(parents=True, exist_ok=True)
+        (folder / "big.xml").write_text("<c>" + "".join(f'\n  <e k="k{i}" v="0"/>' for i in range(rows)) + "\n</c>\n")
 
 
-def action_span(log_text, action):
-    """Seconds from the first to the last line the library logged for `action`."""
-    stamps = [sum(int(x) * f for x, f in zip(m.groups(), (3600, 60, 1, 0.001)))
-              for m in re.finditer(rf"^{action} \(\w+:\w+\) \[(\d+):(\d+):(\d+):(\d+)\]:", log_text, re.M)]
-    return max(stamps) - min(stamps) if stamps else None
-
-
-FAMILIES = {  # labels of ours and theirs, and the immediate action whose installer calls are counted
+FAMILIES = {  # labels of ours and theirs (None: on its own), and the immediate action whose installer calls are counted
+    "integer": ("RegistryIntegers", "Registry", "FixRegistryIntegerProperties"),
+    "manifest": ("EventManifest", None, "InstallEventManifest"),
+    "xmlnodes": ("XmlFile", None, "InstallXmlFiles"),
+    "xmlevery": ("XmlFile", None, "InstallXmlFiles"),
+    "cabentries": ("CabPackage", None, "InstallCabs"),
     "text": ("TextFile", "IniFile", "InstallTextFiles"),
     "registry": ("RegistryEx", "Registry", "InstallRegFiles"),
     "move": ("MoveFileEx", "DuplicateFile", "MoveFilesEx"),
@@ -145,10 +182,14 @@ FAMILIES = {  # labels of ours and theirs, and the immediate action whose instal
     "cab": ("CabPackage", "DuplicateFile", "InstallCabs"),
     "qword": ("RegistryQword", "Registry", "FixQwordRegistry"),
 }
-UNITS = {"text": "files", "registry": "keys", "move": "copies of one installed file",
+UNITS = {"integer": "keys", "manifest": "manifests (one wevtutil run each)",
+         "xmlnodes": f"elements of one file, {EDITS} rows each setting one",
+         "xmlevery": "elements of one file, one row setting them all", "cabentries": "entries of one cabinet, one row",
+         "text": "files", "registry": "keys", "move": "copies of one installed file",
          "remove": "files removed (deferred, undoably) from one folder", "xml": "XML files",
          "cab": "folders, one small cabinet each", "qword": "keys"}
-FILES_PER_FAMILY = {"text": FILES, "registry": FILES, "move": "", "remove": "", "xml": FILES, "cab": "",
+FILES_PER_FAMILY = {"integer": FILES, "manifest": "", "xmlnodes": "", "xmlevery": "", "cabentries": "",
+                    "text": FILES, "registry": FILES, "move": "", "remove": "", "xml": FILES, "cab": "",
                     "qword": FILES}
 
 
@@ -208,6 +249,29 @@ def timed(prefix, *args, log):
     return wall, cpu, text
 
 
+TIME_LINE = re.compile(r"^(\w+) \(\w+:\w+\) \[[\d:]+\]: Time: ([\d.]+) ms; installer calls (\d+) in ([\d.]+) ms; "
+                       r"registry calls (\d+) in ([\d.]+) ms; own ([\d.]+) ms\.$", re.M)
+
+
+def own_times(log_text):
+    """Per library action: (ms in all, installer calls, ms in them, registry calls, ms in them, own ms), summed."""
+    totals = {}
+    for m in TIME_LINE.finditer(log_text):
+        values = [float(m.group(i)) for i in range(2, 8)]
+        totals[m.group(1)] = [a + b for a, b in zip(totals.get(m.group(1), [0.0] * 6), values)]
+    return totals
+
+
+def prepared_prefix(family, rows):
+    prefix = fresh_prefix()
+    plant_files(prefix, family, rows)
+    if family == "manifest":
+        double = WevtutilDouble(prefix, BUILD / "bench" / "wevtutil-original")
+        double.install()
+        double.use_in(prefix)
+    return prefix
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--family", choices=sorted(FAMILIES), default="text")
@@ -217,57 +281,70 @@ def main():
     work = BUILD / "bench" / "row-cost"
     shutil.rmtree(work, ignore_errors=True)
     work.mkdir(parents=True)
+    ours, theirs, counted = FAMILIES[args.family]
+    kinds = ("base", "ours", "theirs") if theirs else ("base", "ours")
+    per_size = {}  # rows -> {"install ours": wall ms/row, ..., "own <action>": ms/row}
     for rows in (int(r) for r in args.rows.split(",")):
-        ours, theirs, counted = FAMILIES[args.family]
-        msis = {kind: package(args.family, kind, rows).build(work) for kind in ("base", "ours", "theirs")}
+        msis = {kind: package(args.family, kind, rows).build(work) for kind in kinds}
         results = {kind: {"install": [], "uninstall": []} for kind in msis}
-        spans = {"MoveFilesEx": [], "MoveFilesExDeferred": []}
         for round_ in range(args.rounds):
             for kind, msi in msis.items():
-                prefix = fresh_prefix()
-                plant_files(prefix, args.family, rows)
+                prefix = prepared_prefix(args.family, rows)
                 log = work / f"{kind}-{rows}-{round_}.log"
-                wall, cpu, text = timed(prefix, "/i", prefix.windows_path(msi), log=log)
+                wall, cpu, _ = timed(prefix, "/i", prefix.windows_path(msi), log=log)
                 results[kind]["install"].append((wall, cpu))
-                if args.family == "move" and kind == "ours":
-                    for action in spans:
-                        span = action_span(text, action)
-                        if span is not None:
-                            spans[action].append(1000 * span / rows)
                 wall, cpu, _ = timed(prefix, "/x", prefix.windows_path(msi), log=work / f"{kind}-{rows}-{round_}-x.log")
                 results[kind]["uninstall"].append((wall, cpu))
-        # The calls are counted in a run of its own: verbose logging adds the line.
-        prefix = fresh_prefix()
-        plant_files(prefix, args.family, rows)
+        # The calls and the library's own time are read from runs of their
+        # own: verbose logging adds the lines.
+        prefix = prepared_prefix(args.family, rows)
         _, _, text = timed(prefix, "/i", prefix.windows_path(msis["ours"]), "LOGVERBOSE=1",
                            log=work / f"ours-{rows}-calls.log")
+        _, _, untext = timed(prefix, "/x", prefix.windows_path(msis["ours"]), "LOGVERBOSE=1",
+                             log=work / f"ours-{rows}-calls-x.log")
         found = [int(m) for line in library_lines(text, counted)
                  for m in re.findall(r"^Installer calls: (\d+)\.$", line)]
         calls = found[0] if found else None
-        print(f"== {ours} against {theirs}: {rows} rows over {FILES_PER_FAMILY[args.family]} "
+        against = f"against {theirs}" if theirs else "on its own"
+        print(f"== {ours} {against}: {rows} rows over {FILES_PER_FAMILY[args.family]} "
               f"{UNITS[args.family]}, {args.rounds} interleaved rounds (per row, excess "
-              f"over the baseline package)")
+              f"over the baseline package)", flush=True)
+        figures = per_size.setdefault(rows, {})
         for phase in ("install", "uninstall"):
             base_wall = statistics.median(w for w, _ in results["base"][phase])
             base_cpu = statistics.median(c for _, c in results["base"][phase])
             medians = {}
-            for kind in ("ours", "theirs"):
+            for kind in kinds[1:]:
                 walls = [1000 * (w - base_wall) / rows for w, _ in results[kind][phase]]
                 cpus = [1000 * (c - base_cpu) / rows for _, c in results[kind][phase]]
                 medians[kind] = (statistics.median(walls), statistics.median(cpus))
+                figures[f"{phase} {ours if kind == 'ours' else theirs} wall"] = medians[kind][0]
                 label = f"{ours if kind == 'ours' else theirs:10}"
                 print(f"   {phase:9} {label} wall ms/row min {min(walls):6.3f} median {medians[kind][0]:6.3f} "
                       f"max {max(walls):6.3f} | cpu ms/row min {min(cpus):6.3f} median {medians[kind][1]:6.3f} "
                       f"max {max(cpus):6.3f}")
-            ratio_wall = medians["ours"][0] / medians["theirs"][0] if medians["theirs"][0] > 0 else float("nan")
-            ratio_cpu = medians["ours"][1] / medians["theirs"][1] if medians["theirs"][1] > 0 else float("nan")
-            print(f"   {phase:9} ratio {ours}/{theirs}: wall {ratio_wall:.2f}, cpu {ratio_cpu:.2f}")
-        for action, values in spans.items():
-            if values:
-                print(f"   {action} itself: ms/row min {min(values):6.3f} median {statistics.median(values):6.3f} "
-                      f"max {max(values):6.3f}")
+            if theirs:
+                ratio_wall = medians["ours"][0] / medians["theirs"][0] if medians["theirs"][0] > 0 else float("nan")
+                ratio_cpu = medians["ours"][1] / medians["theirs"][1] if medians["theirs"][1] > 0 else float("nan")
+                print(f"   {phase:9} ratio {ours}/{theirs}: wall {ratio_wall:.2f}, cpu {ratio_cpu:.2f}")
+        for phase, log_text in (("install", text), ("uninstall", untext)):
+            for action, (total, n_calls, in_calls, n_reg, in_reg, own) in sorted(own_times(log_text).items()):
+                if total < 0.5:
+                    continue  # an action with nothing to do
+                figures[f"own {phase} {action}"] = own / rows
+                print(f"   {phase:9} {action}: {total / rows:6.3f} ms/row, of which installer calls "
+                      f"{n_calls / rows:.2f}/row {in_calls / rows:6.3f} ms, registry calls {n_reg / rows:.2f}/row "
+                      f"{in_reg / rows:6.3f} ms, own {own / rows:6.3f} ms/row")
         if calls is not None:
-            print(f"   installer calls of {counted}: {calls}, {calls / rows:.2f} per row")
+            print(f"   installer calls of {counted}: {calls}, {calls / rows:.2f} per row", flush=True)
+    sizes = sorted(per_size)
+    if len(sizes) > 1:
+        small, large = sizes[-2], sizes[-1]
+        print(f"== per-row ratio {large} rows / {small} rows (1.00: linear)")
+        for name, value in per_size[large].items():
+            before = per_size[small].get(name)
+            if before and before > 0:
+                print(f"   {name}: {value:.3f} / {before:.3f} = {value / before:.2f}")
     return 0
 
 

@@ -36,7 +36,7 @@ WOW = "Wow6432Node\\" if ARCH == "x86" else ""
 # for system tools that authors use too.
 TEST_TOOLS = DLL.parent / "tests"
 DOUBLES = DLL.parent / "tools"
-MSIEXEC_TIMEOUT = 180
+MSIEXEC_TIMEOUT = int(os.environ.get("UTILS_MSIEXEC_TIMEOUT", "180"))  # benchmarks of 100,000 rows raise it
 
 
 class Prefix:

@@ -72,7 +72,8 @@ UINT RunAction(MSIHANDLE hInstall, const char* name, ActionError error, const Ac
     // Initialisation, work and finalisation all sit inside this one handler:
     // nothing escapes into the installer's custom-action server.
     try {
-        ResetInstallerCallCount();
+        ResetRoundTrips();
+        const auto started = std::chrono::steady_clock::now();
         CaInitialize(hInstall, name);
         SetLogSecrets(HiddenValues(hInstall));
         // Lines travel to the installer a hundred at a time (each message is
@@ -81,7 +82,10 @@ UINT RunAction(MSIHANDLE hInstall, const char* name, ActionError error, const Ac
         SetLogBatch(kLinesPerMessage);
         LogInfo(L"%s initialized.", name);
         const UINT result = RunWork(hInstall, error, work);
-        if (CaIsVerbose()) LogInfo(L"Installer calls: %u.", InstallerCallCount());
+        if (CaIsVerbose()) {
+            LogInfo(L"Installer calls: %u.", InstallerCallCount());
+            LogInfo(L"%s", TimeSpentLine(RoundTrips(), std::chrono::steady_clock::now() - started));
+        }
         LogInfo(L"%s: finished. Return value %d.", name, result);
         SetLogBatch(0);
         FlushLog();

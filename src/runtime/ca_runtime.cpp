@@ -24,8 +24,7 @@ struct RuntimeState {
 
 RuntimeState g_state;
 int g_verbose = -1;       // -1 undecided, then 0 or 1 for the life of the process
-bool g_inCaLog = false;
-std::atomic<unsigned> g_installerCalls{0};   // CaLog is not re-entrant: a nested call returns at once
+bool g_inCaLog = false;  // CaLog is not re-entrant: a nested call returns at once
 
 constexpr wchar_t kVerboseAtom[] = L"WcaVerboseLogging";
 constexpr wchar_t kNotVerboseAtom[] = L"WcaNotVerboseLogging";
@@ -192,9 +191,6 @@ std::string ToAnsi(const std::wstring& text) {
 
 }  // namespace
 
-void CountInstallerCall() noexcept { g_installerCalls.fetch_add(1, std::memory_order_relaxed); }
-unsigned InstallerCallCount() noexcept { return g_installerCalls.load(std::memory_order_relaxed); }
-void ResetInstallerCallCount() noexcept { g_installerCalls.store(0, std::memory_order_relaxed); }
 
 HResult CaInitialize(MSIHANDLE hInstall, const char* logName) {
     g_state = RuntimeState{};

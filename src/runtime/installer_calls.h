@@ -11,16 +11,17 @@
 
 #include <utility>
 
+#include "runtime/round_trips.h"
+
 namespace setup {
 
-void CountInstallerCall() noexcept;
-unsigned InstallerCallCount() noexcept;
-void ResetInstallerCallCount() noexcept;
+inline unsigned InstallerCallCount() noexcept { return RoundTrips().installerCalls; }
+inline void ResetInstallerCallCount() noexcept { ResetRoundTrips(); }
 
-// Calls the installer function `fn` and counts the call.
+// Calls the installer function `fn`, and counts and times the call.
 template <class Fn, class... Args>
 auto InstallerCall(Fn fn, Args&&... args) {
-    CountInstallerCall();
+    const RoundTripClock clock(RoundTripKind::Installer);
     return fn(std::forward<Args>(args)...);
 }
 

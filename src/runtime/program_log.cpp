@@ -17,8 +17,7 @@ void SendToInstaller(const std::wstring& message) {
     if (!record) return;
     if (::MsiRecordSetStringW(record.Get(), 0, message.c_str()) != ERROR_SUCCESS) return;
     // The reply to an information message carries nothing we act on.
-    CountInstallerCall();
-    ::MsiProcessMessage(CaInstallHandle(), INSTALLMESSAGE_INFO, record.Get());
+    InstallerCall(::MsiProcessMessage, CaInstallHandle(), INSTALLMESSAGE_INFO, record.Get());
 }
 
 std::mutex g_secretsLock;

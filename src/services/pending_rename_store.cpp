@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "runtime/program_log.h"
+#include "runtime/round_trips.h"
 #include "runtime/throw.h"
 #include "services/driver_connection.h"
 
@@ -75,13 +76,13 @@ void PendingRenameMutex::Release() {
 
 PendingRenameValue ReadPendingRenameValue() {
     RegistryKey key;
-    ThrowIfWin32Error(::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSessionManagerKey, 0, KEY_QUERY_VALUE, key.Put()),
+    ThrowIfWin32Error(RegistryCall(::RegOpenKeyExW, HKEY_LOCAL_MACHINE, kSessionManagerKey, 0, KEY_QUERY_VALUE, key.Put()),
                       std::wstring(L"Failed to open key: ") + kSessionManagerKey);
     // The value may grow between the size query and the read (another writer);
     // a few rounds settle it.
     for (int round = 0; round < 4; ++round) {
         PendingRenameValue value;
-        LONG status = ::RegQueryValueExW(key.Get(), kPendingRenamesValue, nullptr, &value.type, nullptr, &value.bytes);
+        LONG status = RegistryCall(::RegQueryValueExW, key.Get(), kPendingRenamesValue, nullptr, &value.type, nullptr, &value.bytes);
         if (status == ERROR_FILE_NOT_FOUND) return PendingRenameValue{};
         if (status != ERROR_SUCCESS && status != ERROR_MORE_DATA) {
             ThrowIfWin32Error(status, L"Failed to read registry value: " + kValuePath);
@@ -91,7 +92,7 @@ PendingRenameValue ReadPendingRenameValue() {
         value.data.assign((value.bytes + sizeof(wchar_t) - 1) / sizeof(wchar_t), L'\0');
         DWORD capacity = static_cast<DWORD>(value.data.size() * sizeof(wchar_t));
         if (capacity == 0) return value;
-        status = ::RegQueryValueExW(key.Get(), kPendingRenamesValue, nullptr, &value.type,
+        status = RegistryCall(::RegQueryValueExW, key.Get(), kPendingRenamesValue, nullptr, &value.type,
                                     reinterpret_cast<BYTE*>(value.data.data()), &capacity);
         if (status == ERROR_MORE_DATA) continue;
         ThrowIfWin32Error(status, L"Failed to read registry value: " + kValuePath);
@@ -132,11 +133,11 @@ void WritePendingRenames(const PendingRenameList& list) {
     DriverConnection driver;
     PendingRenameMonitoringPause pause(driver);
     RegistryKey key;
-    ThrowIfWin32Error(::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSessionManagerKey, 0, KEY_SET_VALUE, key.Put()),
+    ThrowIfWin32Error(RegistryCall(::RegOpenKeyExW, HKEY_LOCAL_MACHINE, kSessionManagerKey, 0, KEY_SET_VALUE, key.Put()),
                       std::wstring(L"Failed to open registry key: ") + kSessionManagerKey);
     const std::wstring raw = SerializePendingRenames(list);
     const BYTE* data = raw.empty() ? nullptr : reinterpret_cast<const BYTE*>(raw.data());
-    ThrowIfWin32Error(::RegSetValueExW(key.Get(), kPendingRenamesValue, 0, REG_MULTI_SZ, data,
+    ThrowIfWin32Error(RegistryCall(::RegSetValueExW, key.Get(), kPendingRenamesValue, 0, REG_MULTI_SZ, data,
                                        static_cast<DWORD>(raw.size() * sizeof(wchar_t))),
                       L"Failed to set registry value: " + kValuePath);
 }
@@ -145,9 +146,9 @@ void RemovePendingRenames() {
     DriverConnection driver;
     PendingRenameMonitoringPause pause(driver);
     RegistryKey key;
-    ThrowIfWin32Error(::RegOpenKeyExW(HKEY_LOCAL_MACHINE, kSessionManagerKey, 0, KEY_SET_VALUE, key.Put()),
+    ThrowIfWin32Error(RegistryCall(::RegOpenKeyExW, HKEY_LOCAL_MACHINE, kSessionManagerKey, 0, KEY_SET_VALUE, key.Put()),
                       std::wstring(L"Failed to open registry key: ") + kSessionManagerKey);
-    const LONG status = ::RegDeleteValueW(key.Get(), kPendingRenamesValue);
+    const LONG status = RegistryCall(::RegDeleteValueW, key.Get(), kPendingRenamesValue);
     if (status == ERROR_FILE_NOT_FOUND) return;
     ThrowIfWin32Error(status, L"Failed to delete registry value: " + kValuePath);
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "runtime/program_log.h"
+#include "runtime/round_trips.h"
 #include "runtime/throw.h"
 #include "runtime/unique_handle.h"
 #include "services/path.h"
@@ -17,7 +18,7 @@ HKEY Root(bool perUser) { return perUser ? HKEY_CURRENT_USER : HKEY_LOCAL_MACHIN
 
 RegistryKey Open(bool perUser, const std::wstring& key, REGSAM access) {
     RegistryKey handle;
-    if (::RegOpenKeyExW(Root(perUser), key.c_str(), REG_OPTION_OPEN_LINK, access, handle.Put()) != ERROR_SUCCESS) {
+    if (RegistryCall(::RegOpenKeyExW, Root(perUser), key.c_str(), REG_OPTION_OPEN_LINK, access, handle.Put()) != ERROR_SUCCESS) {
         return RegistryKey();
     }
     return handle;
@@ -37,7 +38,7 @@ std::optional<std::wstring> QueryText(HKEY key, const std::wstring& name) {
     std::vector<unsigned char> data(512);
     for (int round = 0; round < 4; ++round) {  // a record may grow between two reads
         DWORD type = 0, size = static_cast<DWORD>(data.size());
-        const LONG status = ::RegQueryValueExW(key, name.c_str(), nullptr, &type, data.data(), &size);
+        const LONG status = RegistryCall(::RegQueryValueExW, key, name.c_str(), nullptr, &type, data.data(), &size);
         if (status == ERROR_SUCCESS) {
             data.resize(size);
             return TextOf(type, data);
@@ -67,7 +68,7 @@ std::vector<std::pair<std::wstring, std::wstring>> RecordStore::ReadAll() const 
     std::vector<wchar_t> name(16384);
     for (DWORD index = 0;; ++index) {
         DWORD length = static_cast<DWORD>(name.size());
-        if (::RegEnumValueW(key.Get(), index, name.data(), &length, nullptr, nullptr, nullptr, nullptr) !=
+        if (RegistryCall(::RegEnumValueW, key.Get(), index, name.data(), &length, nullptr, nullptr, nullptr, nullptr) !=
             ERROR_SUCCESS) {
             break;
         }
@@ -81,11 +82,11 @@ std::vector<std::pair<std::wstring, std::wstring>> RecordStore::ReadAll() const 
 
 void RecordStore::Write(std::wstring_view name, std::wstring_view text) const {
     RegistryKey key;
-    ThrowIfWin32Error(::RegCreateKeyExW(Root(perUser_), key_.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr,
+    ThrowIfWin32Error(RegistryCall(::RegCreateKeyExW, Root(perUser_), key_.c_str(), 0, nullptr, 0, KEY_SET_VALUE, nullptr,
                                         key.Put(), nullptr),
                       L"Failed to create registry key '" + key_ + L"'.");
     const std::wstring value(name), data(text);
-    ThrowIfWin32Error(::RegSetValueExW(key.Get(), value.c_str(), 0, REG_SZ,
+    ThrowIfWin32Error(RegistryCall(::RegSetValueExW, key.Get(), value.c_str(), 0, REG_SZ,
                                        reinterpret_cast<const BYTE*>(data.c_str()),
                                        static_cast<DWORD>((data.size() + 1) * sizeof(wchar_t))),
                       L"Failed to write registry value: Key '" + key_ + L"', Name '" + value + L"'.");
@@ -93,7 +94,7 @@ void RecordStore::Write(std::wstring_view name, std::wstring_view text) const {
 
 void RecordStore::Remove(std::wstring_view name) const {
     if (const RegistryKey key = Open(perUser_, key_, KEY_SET_VALUE)) {
-        ::RegDeleteValueW(key.Get(), std::wstring(name).c_str());
+        RegistryCall(::RegDeleteValueW, key.Get(), std::wstring(name).c_str());
     }
     // The keys left empty go, ours only: never "Software" itself.
     for (std::wstring path = key_; path.size() >= std::wstring_view(kTop).size(); path = DirectoryOf(path)) {
@@ -101,13 +102,13 @@ void RecordStore::Remove(std::wstring_view name) const {
             const RegistryKey key = Open(perUser_, path, KEY_QUERY_VALUE);
             if (!key) return;
             DWORD subkeys = 0, values = 0;
-            if (::RegQueryInfoKeyW(key.Get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values, nullptr,
+            if (RegistryCall(::RegQueryInfoKeyW, key.Get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values, nullptr,
                                    nullptr, nullptr, nullptr) != ERROR_SUCCESS ||
                 subkeys != 0 || values != 0) {
                 return;
             }
         }
-        if (::RegDeleteKeyW(Root(perUser_), path.c_str()) != ERROR_SUCCESS) return;
+        if (RegistryCall(::RegDeleteKeyW, Root(perUser_), path.c_str()) != ERROR_SUCCESS) return;
         LogInfo(L"Removed empty registry key '%s'.", path);
     }
 }
@@ -121,7 +122,7 @@ std::vector<RecordStore> RecordStore::Siblings() const {
     for (DWORD index = 0;; ++index) {
         wchar_t name[256] = {};
         DWORD length = 256;
-        if (::RegEnumKeyExW(key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) {
+        if (RegistryCall(::RegEnumKeyExW, key.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) {
             break;
         }
         const std::wstring product(name, length);

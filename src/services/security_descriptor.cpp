@@ -4,6 +4,7 @@
 
 #include <sddl.h>
 
+#include "runtime/round_trips.h"
 #include "runtime/throw.h"
 #include "runtime/unique_handle.h"
 
@@ -124,10 +125,10 @@ std::vector<unsigned char> ReadSecurityDescriptor(const SecuredObject& object, b
         case SecuredKind::RegistryKey: {
             RegistryKey key;
             const REGSAM access = READ_CONTROL | (withSacl ? ACCESS_SYSTEM_SECURITY : 0) | object.view;
-            LONG status = ::RegOpenKeyExW(RootHandle(object.root), object.name.c_str(), REG_OPTION_OPEN_LINK, access,
+            LONG status = RegistryCall(::RegOpenKeyExW, RootHandle(object.root), object.name.c_str(), REG_OPTION_OPEN_LINK, access,
                                           key.Put());
             needed = static_cast<DWORD>(bytes.size());
-            if (status == ERROR_SUCCESS) status = ::RegGetKeySecurity(key.Get(), parts, bytes.data(), &needed);
+            if (status == ERROR_SUCCESS) status = RegistryCall(::RegGetKeySecurity, key.Get(), parts, bytes.data(), &needed);
             ok = status == ERROR_SUCCESS;
             error = static_cast<DWORD>(status);
             break;
@@ -165,9 +166,9 @@ void WriteSecurityDescriptor(const SecuredObject& object, const std::vector<unsi
     case SecuredKind::RegistryKey: {
         RegistryKey key;
         const REGSAM access = WRITE_DAC | WRITE_OWNER | ((parts & SACL_SECURITY_INFORMATION) ? ACCESS_SYSTEM_SECURITY : 0);
-        LONG status = ::RegOpenKeyExW(RootHandle(object.root), object.name.c_str(), REG_OPTION_OPEN_LINK,
+        LONG status = RegistryCall(::RegOpenKeyExW, RootHandle(object.root), object.name.c_str(), REG_OPTION_OPEN_LINK,
                                       access | object.view, key.Put());
-        if (status == ERROR_SUCCESS) status = ::RegSetKeySecurity(key.Get(), parts, sd);
+        if (status == ERROR_SUCCESS) status = RegistryCall(::RegSetKeySecurity, key.Get(), parts, sd);
         ThrowIfWin32Error(status, failure);
         return;
     }

@@ -36,6 +36,12 @@ public:
     NodePtr AtPosition(const std::wstring& path);
 
     static std::wstring PositionOf(const NodePtr& node);
+    // The positions of many nodes at once, in their order: each parent's
+    // children are walked once instead of once per node.
+    static std::vector<std::wstring> PositionsOf(const std::vector<NodePtr>& nodes);
+    // A node found by Select, told its position (from PositionsOf), so that
+    // Remove need not count its earlier siblings.
+    static void SetPosition(const NodePtr& node, std::wstring path);
     static std::wstring NameOf(const NodePtr& node);
     static std::wstring XmlOf(const NodePtr& node);
     static std::optional<std::wstring> Attribute(const NodePtr& element, const std::wstring& name);

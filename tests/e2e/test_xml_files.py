@@ -162,6 +162,36 @@ class XmlFiles(InstallerCase):
                       "the library cannot keep. Error 0x80070057.", library_lines(log, "InstallXmlFilesDeferred"))
         self.assertEqual(sorted(p.name for p in self.root.iterdir()), before)
 
+    def test_edits_of_many_siblings_are_taken_back_exactly(self):
+        # Edits matching many nodes at once find their positions in one walk
+        # of each parent; the siblings around them (other elements, comments,
+        # indentation) must not shift what uninstall takes back. (A deleted
+        # element comes back right after the element before it: a comment
+        # between the two would then follow it, so none stands there.)
+        def section(s):
+            items = "".join(f'\n    <add k="{s}.{i}" group="{"abc"[i % 3]}" drop="{i}"/>'
+                            + ("<other/>" if i % 4 == 0 else "") for i in range(12))
+            return f'\n  <section n="{s}"><!-- {s} -->{items}\n  </section><skip/>'
+        many = self.root / "many.xml"
+        many.write_bytes(("<?xml version=\"1.0\"?>\n<root>" + "".join(section(s) for s in range(9))
+                          + "\n</root>\n").encode())
+        before = many.read_bytes()
+        win = f"{self.win}\\many.xml"
+        rows = [("SetA", win, "//add[@group='a']", SET_ALL, "v", "new", "", 1, 0),
+                ("DropB", win, "//add[@group='b']", DELETE_ATTRIBUTE, "drop", "", "", 2, 0),
+                ("GoneC", win, "//add[@group='c']", DELETE, "", "", "", 3, 0),
+                ("Made", win, "//section", CREATE, "made", "m", "", 5, 0),
+                ("Frag", win, "//section", APPEND, "", '<f/><g x="1"/>', "", 6, 0)]
+        package = self.package(rows)
+        self.run_expecting(0, package, "/i", log="install.log")
+        text = many.read_text()
+        self.assertEqual((text.count('v="new"'), text.count('group="c"'), text.count("<made>m</made>"),
+                          text.count('<g x="1"/>')), (36, 0, 9, 9))
+        self.assertEqual(text.count('group="b" drop='), 0)
+        self.assertNotIn("setup-utils", text)  # the marks that find positions leave nothing behind
+        self.run_expecting(0, package, "/x", log="uninstall.log")
+        self.assertEqual(many.read_bytes(), before)
+
     def test_bad_input_fails_clearly_and_changes_nothing(self):
         good = '<?xml version="1.0"?>\n<a><b/></a>\n'
         cases = [

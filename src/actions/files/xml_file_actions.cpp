@@ -1,7 +1,9 @@
 #include "actions/files/xml_file_actions.h"
 
 #include <algorithm>
+#include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -149,10 +151,54 @@ bool RepeatsAPermanentEdit(const XmlEdit& edit, const std::vector<XmlDocument::N
     return true;
 }
 
-// The step that takes back a node an edit made: its position, its name and its content.
-XmlUndoStep Made(const XmlDocument::NodePtr& node) {
-    return {XmlUndoStep::RemoveNode, XmlDocument::PositionOf(node), L"", std::nullopt, L"", 0, XmlDocument::NameOf(node),
-            ContentHash(XmlDocument::XmlOf(node))};
+// The steps that take back the nodes an edit made: position, name and content.
+std::vector<XmlUndoStep> Made(const std::vector<XmlDocument::NodePtr>& nodes) {
+    const std::vector<std::wstring> positions = XmlDocument::PositionsOf(nodes);
+    std::vector<XmlUndoStep> steps;
+    steps.reserve(nodes.size());
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+        steps.push_back({XmlUndoStep::RemoveNode, positions[i], L"", std::nullopt, L"", 0,
+                         XmlDocument::NameOf(nodes[i]), ContentHash(XmlDocument::XmlOf(nodes[i]))});
+    }
+    return steps;
+}
+
+// True when one of the positions lies inside another: removing the outer
+// node first takes the inner one with it, so positions must be counted one by one.
+bool AnyNested(const std::vector<std::wstring>& positions) {
+    const std::set<std::wstring> all(positions.begin(), positions.end());
+    for (const std::wstring& position : positions) {
+        for (std::size_t slash = position.find(L'/', 1); slash != std::wstring::npos; slash = position.find(L'/', slash + 1)) {
+            if (all.count(position.substr(0, slash))) return true;
+        }
+    }
+    return false;
+}
+
+// Deletes the nodes, returning the steps that put them back. Positions are
+// found for all of them at once and adjusted for the earlier siblings already
+// gone, unless one node lies inside another.
+std::vector<XmlUndoStep> DeleteNodes(const std::vector<XmlDocument::NodePtr>& nodes) {
+    std::vector<XmlUndoStep> steps;
+    std::vector<std::wstring> positions = XmlDocument::PositionsOf(nodes);
+    const bool batch = !AnyNested(positions);
+    std::map<std::wstring, std::size_t> removedUnder;  // by the parent's position
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+        const XmlDocument::NodePtr parent = XmlDocument::Parent(nodes[i]);
+        std::wstring position;
+        const std::size_t slash = positions[i].rfind(L'/');
+        if (batch && slash != std::wstring::npos && slash > 0 && positions[i].compare(slash, 3, L"/*[") == 0) {
+            position = positions[i].substr(0, slash);
+            const std::size_t number = std::stoul(positions[i].substr(slash + 3)) - removedUnder[position]++;
+            XmlDocument::SetPosition(nodes[i], position + L"/*[" + std::to_wstring(number) + L"]");
+        } else {
+            position = XmlDocument::PositionOf(parent);
+        }
+        auto [xml, index] = XmlDocument::Remove(nodes[i], true);
+        steps.push_back({XmlUndoStep::InsertNode, position, L"", std::nullopt, std::move(xml), index,
+                         XmlDocument::NameOf(parent), L""});
+    }
+    return steps;
 }
 
 // Makes one edit and returns the steps that take it back.
@@ -186,60 +232,68 @@ std::vector<XmlUndoStep> Apply(XmlDocument& document, const XmlEdit& edit, const
         } else {
             LogInfo(L"Set the text of %u node(s) matching '%s' in '%s' to '%s'.", count, edit.xpath, file, value);
         }
-        for (const auto& node : nodes) {
+        {
             // A secret's old value is kept nowhere (the record is readable by
             // every user): uninstall leaves the value as it is.
             const bool keep = recorded && !secret;
-            XmlUndoStep step;
-            if (keep) {
-                step = {edit.name.empty() ? XmlUndoStep::Text : XmlUndoStep::Attribute, XmlDocument::PositionOf(node),
-                        edit.name, std::nullopt, L"", 0, XmlDocument::NameOf(node), L""};
-                step.value = edit.name.empty() ? std::optional<std::wstring>(XmlDocument::Text(node))
-                                               : XmlDocument::Attribute(node, edit.name);
+            const std::vector<std::wstring> positions = keep ? XmlDocument::PositionsOf(nodes) : std::vector<std::wstring>();
+            for (std::size_t i = 0; i < nodes.size(); ++i) {
+                const auto& node = nodes[i];
+                XmlUndoStep step;
+                if (keep) {
+                    step = {edit.name.empty() ? XmlUndoStep::Text : XmlUndoStep::Attribute, positions[i], edit.name,
+                            std::nullopt, L"", 0, XmlDocument::NameOf(node), L""};
+                    step.value = edit.name.empty() ? std::optional<std::wstring>(XmlDocument::Text(node))
+                                                   : XmlDocument::Attribute(node, edit.name);
+                }
+                if (edit.name.empty()) XmlDocument::SetText(node, edit.value);
+                else XmlDocument::SetAttribute(node, edit.name, edit.value);
+                if (keep) steps.push_back(std::move(step));
             }
-            if (edit.name.empty()) XmlDocument::SetText(node, edit.value);
-            else XmlDocument::SetAttribute(node, edit.name, edit.value);
-            if (keep) steps.push_back(std::move(step));
         }
         break;
-    case CreateElement:
+    case CreateElement: {
         LogInfo(L"Create element '%s' under %u node(s) matching '%s' in '%s'.", edit.name, count, edit.xpath, file);
+        std::vector<XmlDocument::NodePtr> made;
         for (const auto& node : nodes) {
-            const auto created = document.AppendElement(node, edit.name, edit.value, edit.namespaces);
+            auto created = document.AppendElement(node, edit.name, edit.value, edit.namespaces);
             if (RepeatsAPermanentEdit(edit, {created})) continue;
-            if (recorded) steps.push_back(Made(created));
+            if (recorded) made.push_back(std::move(created));
         }
+        // Appending under one match moves no other match nor what was made under it.
+        steps = Made(made);
         break;
-    case DeleteAttribute:
+    }
+    case DeleteAttribute: {
         LogInfo(L"Delete attribute '%s' of %u node(s) matching '%s' in '%s'.", edit.name, count, edit.xpath, file);
-        for (const auto& node : nodes) {
-            const std::optional<std::wstring> old = XmlDocument::Attribute(node, edit.name);
+        const std::vector<std::wstring> positions =
+            !secret && recorded ? XmlDocument::PositionsOf(nodes) : std::vector<std::wstring>();
+        for (std::size_t i = 0; i < nodes.size(); ++i) {
+            const std::optional<std::wstring> old = XmlDocument::Attribute(nodes[i], edit.name);
             if (!old) continue;
-            XmlDocument::RemoveAttribute(node, edit.name);
+            XmlDocument::RemoveAttribute(nodes[i], edit.name);
             if (!secret && recorded) {
-                steps.push_back({XmlUndoStep::Attribute, XmlDocument::PositionOf(node), edit.name, old, L"", 0,
-                                 XmlDocument::NameOf(node), L""});
+                steps.push_back({XmlUndoStep::Attribute, positions[i], edit.name, old, L"", 0,
+                                 XmlDocument::NameOf(nodes[i]), L""});
             }
         }
         break;
+    }
     case DeleteElements:
         LogInfo(L"Delete %u node(s) matching '%s' in '%s'.", count, edit.xpath, file);
-        for (const auto& node : nodes) {
-            const XmlDocument::NodePtr parent = XmlDocument::Parent(node);
-            const std::wstring position = XmlDocument::PositionOf(parent);
-            auto [xml, index] = XmlDocument::Remove(node, true);
-            steps.push_back({XmlUndoStep::InsertNode, position, L"", std::nullopt, std::move(xml), index,
-                             XmlDocument::NameOf(parent), L""});
-        }
+        steps = DeleteNodes(nodes);
         break;
-    case AppendFragment:
+    case AppendFragment: {
         LogInfo(L"Append a fragment under %u node(s) matching '%s' in '%s'.", count, edit.xpath, file);
+        std::vector<XmlDocument::NodePtr> made;
         for (const auto& node : nodes) {
-            const std::vector<XmlDocument::NodePtr> added = document.AppendFragment(node, edit.value, edit.namespaces);
+            std::vector<XmlDocument::NodePtr> added = document.AppendFragment(node, edit.value, edit.namespaces);
             if (RepeatsAPermanentEdit(edit, added) || !recorded) continue;
-            for (const auto& one : added) steps.push_back(Made(one));
+            made.insert(made.end(), added.begin(), added.end());
         }
+        steps = Made(made);
         break;
+    }
     default: break;
     }
     return steps;

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <vector>
 
-
 #include "runtime/format.h"
 #include "runtime/program_log.h"
+#include "runtime/round_trips.h"
 #include "runtime/throw.h"
 #include "runtime/unique_handle.h"
 
@@ -22,7 +22,7 @@ bool NotFound(LONG status) { return status == ERROR_FILE_NOT_FOUND || status == 
 HResult Failure(LONG status) { return FailureFromWin32(static_cast<DWORD>(status)); }
 
 LONG OpenKey(int root, const std::wstring& path, REGSAM access, std::uint32_t view, RegistryKey& key) {
-    return ::RegOpenKeyExW(RootHandle(root), path.c_str(), 0, access | view, key.Put());
+    return RegistryCall(::RegOpenKeyExW, RootHandle(root), path.c_str(), 0, access | view, key.Put());
 }
 
 }  // namespace
@@ -47,7 +47,7 @@ namespace {
 
 RegistryKey CreateKeyForValues(int root, const std::wstring& path, std::uint32_t view) {
     RegistryKey handle;
-    ThrowIfWin32Error(::RegCreateKeyExW(RootHandle(root), path.c_str(), 0, nullptr, 0, KEY_WRITE | view, nullptr,
+    ThrowIfWin32Error(RegistryCall(::RegCreateKeyExW, RootHandle(root), path.c_str(), 0, nullptr, 0, KEY_WRITE | view, nullptr,
                                         handle.Put(), nullptr),
                       L"Failed to create registry key '" + path + L"'.");
     return handle;
@@ -55,7 +55,7 @@ RegistryKey CreateKeyForValues(int root, const std::wstring& path, std::uint32_t
 
 void SetValue(HKEY handle, const std::wstring& path, const RegistryValue& value, bool secret) {
     const BYTE* data = value.data.empty() ? nullptr : value.data.data();
-    ThrowIfWin32Error(::RegSetValueExW(handle, value.name.c_str(), 0, value.type, data,
+    ThrowIfWin32Error(RegistryCall(::RegSetValueExW, handle, value.name.c_str(), 0, value.type, data,
                                        static_cast<DWORD>(value.data.size())),
                       L"Failed to write registry value: " + Quoted(path, value.name));
     LogInfo(L"Write registry value: Key '%s', Name '%s', Value '%s'.", path, value.name,
@@ -72,7 +72,7 @@ std::optional<RegistryValue> QueryValue(HKEY handle, const std::wstring& path, s
     value.data.assign(256, 0);
     for (int round = 0; round < 4; ++round) {
         DWORD type = 0, bytes = static_cast<DWORD>(value.data.size());
-        const LONG status = ::RegQueryValueExW(handle, value.name.c_str(), nullptr, &type, value.data.data(), &bytes);
+        const LONG status = RegistryCall(::RegQueryValueExW, handle, value.name.c_str(), nullptr, &type, value.data.data(), &bytes);
         if (status == ERROR_FILE_NOT_FOUND) return std::nullopt;
         if (status == ERROR_MORE_DATA) {
             value.data.assign(std::max<std::size_t>(bytes, value.data.size() * 2), 0);
@@ -112,10 +112,10 @@ void WriteTextValue(int root, std::wstring_view key, std::wstring_view name, std
                     std::uint32_t view) {
     const std::wstring path(key), value(name), data(text);
     RegistryKey handle;
-    ThrowIfWin32Error(::RegCreateKeyExW(RootHandle(root), path.c_str(), 0, nullptr, 0, KEY_SET_VALUE | view, nullptr,
+    ThrowIfWin32Error(RegistryCall(::RegCreateKeyExW, RootHandle(root), path.c_str(), 0, nullptr, 0, KEY_SET_VALUE | view, nullptr,
                                         handle.Put(), nullptr),
                       L"Failed to create registry key '" + path + L"'.");
-    ThrowIfWin32Error(::RegSetValueExW(handle.Get(), value.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(data.c_str()),
+    ThrowIfWin32Error(RegistryCall(::RegSetValueExW, handle.Get(), value.c_str(), 0, REG_SZ, reinterpret_cast<const BYTE*>(data.c_str()),
                                        static_cast<DWORD>((data.size() + 1) * sizeof(wchar_t))),
                       L"Failed to write registry value: " + Quoted(path, value));
 }
@@ -131,7 +131,7 @@ std::optional<RegistryValue> ReadValue(int root, std::wstring_view key, std::wst
                                        std::uint32_t view) {
     const std::wstring path(key);
     RegistryKey handle;
-    const LONG status = ::RegOpenKeyExW(RootHandle(root), path.c_str(), 0, KEY_QUERY_VALUE | view, handle.Put());
+    const LONG status = RegistryCall(::RegOpenKeyExW, RootHandle(root), path.c_str(), 0, KEY_QUERY_VALUE | view, handle.Put());
     if (NotFound(status)) return std::nullopt;
     ThrowIfWin32Error(status, L"Failed to read registry value: " + Quoted(path, name));
     return QueryValue(handle.Get(), path, name);
@@ -168,12 +168,12 @@ void DeleteValue(int root, std::wstring_view key, std::wstring_view name, std::u
     const std::wstring path(key);
     const std::wstring value(name);
     RegistryKey handle;
-    LONG status = ::RegOpenKeyExW(RootHandle(root), path.c_str(), 0, KEY_SET_VALUE | view, handle.Put());
+    LONG status = RegistryCall(::RegOpenKeyExW, RootHandle(root), path.c_str(), 0, KEY_SET_VALUE | view, handle.Put());
     if (status != ERROR_SUCCESS) {
         LogInfo(L"Failed to open registry key '%s'. Error 0x%x.", path, FailureFromWin32(static_cast<DWORD>(status)));
         return;
     }
-    status = ::RegDeleteValueW(handle.Get(), value.c_str());
+    status = RegistryCall(::RegDeleteValueW, handle.Get(), value.c_str());
     if (status == ERROR_SUCCESS) {
         LogInfo(L"Remove registry value: Key '%s', Name '%s'.", path, value);
     } else {
@@ -197,7 +197,7 @@ void RegistryValueRemover::Remove(int root, std::wstring_view key, std::wstring_
             return;
         }
     }
-    const LONG status = ::RegDeleteValueW(run_.handle.Get(), value.c_str());
+    const LONG status = RegistryCall(::RegDeleteValueW, run_.handle.Get(), value.c_str());
     if (status == ERROR_SUCCESS) {
         LogInfo(L"Remove registry value: Key '%s', Name '%s'.", path, value);
     } else {
@@ -207,7 +207,7 @@ void RegistryValueRemover::Remove(int root, std::wstring_view key, std::wstring_
     // A key that still holds something stops the clean-up at once too; only
     // an emptied key (or one that cannot be looked into) goes to it.
     DWORD subkeys = 0, values = 0;
-    if (::RegQueryInfoKeyW(run_.handle.Get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values, nullptr,
+    if (RegistryCall(::RegQueryInfoKeyW, run_.handle.Get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values, nullptr,
                            nullptr, nullptr, nullptr) == ERROR_SUCCESS &&
         (subkeys || values)) {
         return;
@@ -219,7 +219,7 @@ void RegistryValueRemover::Remove(int root, std::wstring_view key, std::wstring_
 void CreateKey(int root, std::wstring_view key, std::uint32_t view) {
     const std::wstring path(key);
     RegistryKey handle;
-    ThrowIfWin32Error(::RegCreateKeyExW(RootHandle(root), path.c_str(), 0, nullptr, 0, KEY_WRITE | view, nullptr,
+    ThrowIfWin32Error(RegistryCall(::RegCreateKeyExW, RootHandle(root), path.c_str(), 0, nullptr, 0, KEY_WRITE | view, nullptr,
                                         handle.Put(), nullptr),
                       L"Failed to create registry key '" + path + L"'.");
     LogInfo(L"Create registry key '%s'.", path);
@@ -229,13 +229,13 @@ namespace {
 
 // Opens the key itself, never the target of a registry link.
 LONG OpenKeyNoLink(int root, const std::wstring& path, REGSAM access, std::uint32_t view, RegistryKey& key) {
-    return ::RegOpenKeyExW(RootHandle(root), path.c_str(), REG_OPTION_OPEN_LINK, access | view, key.Put());
+    return RegistryCall(::RegOpenKeyExW, RootHandle(root), path.c_str(), REG_OPTION_OPEN_LINK, access | view, key.Put());
 }
 
 // A link key holds its target as the REG_LINK value "SymbolicLinkValue".
 bool IsLinkKey(HKEY handle) {
     DWORD type = 0;
-    return ::RegQueryValueExW(handle, L"SymbolicLinkValue", nullptr, &type, nullptr, nullptr) == ERROR_SUCCESS &&
+    return RegistryCall(::RegQueryValueExW, handle, L"SymbolicLinkValue", nullptr, &type, nullptr, nullptr) == ERROR_SUCCESS &&
            type == REG_LINK;
 }
 
@@ -280,7 +280,7 @@ LONG RemoveTree(int root, const std::wstring& path, std::uint32_t view, int dept
     for (DWORD index = 0;;) {
         wchar_t name[260] = {};
         DWORD length = 260;
-        if (::RegEnumKeyExW(handle.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) {
+        if (RegistryCall(::RegEnumKeyExW, handle.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) {
             break;
         }
         if (RemoveTree(root, path + L"\\" + std::wstring(name, length), view, depth + 1) != ERROR_SUCCESS) ++index;
@@ -308,7 +308,7 @@ void CollectTree(int root, const std::wstring& path, std::uint32_t view, int dep
     for (DWORD index = 0;; ++index) {
         wchar_t name[256] = {};
         DWORD length = 256;
-        const LONG listed = ::RegEnumKeyExW(handle.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr);
+        const LONG listed = RegistryCall(::RegEnumKeyExW, handle.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr);
         if (listed == ERROR_NO_MORE_ITEMS) break;
         ThrowIfWin32Error(listed, L"Failed to get registry subkeys. Can't enumerate subkeys of key " + path);
         names.emplace_back(name, length);
@@ -342,7 +342,7 @@ void RemoveEmptyKeys(int root, std::wstring_view key, std::uint32_t view, int ke
                 return;
             }
             DWORD subkeys = 0, values = 0;
-            status = ::RegQueryInfoKeyW(handle.Get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values,
+            status = RegistryCall(::RegQueryInfoKeyW, handle.Get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, &values,
                                         nullptr, nullptr, nullptr, nullptr);
             if (status != ERROR_SUCCESS) {
                 LogInfo(L"Failed to query info key '%s'. Error 0x%x.", path, Failure(status));
@@ -372,7 +372,7 @@ std::vector<std::wstring> GetSubkeys(int root, std::wstring_view key, std::uint3
     for (DWORD index = 0;; ++index) {
         wchar_t name[256] = {};
         DWORD length = 256;
-        const LONG status = ::RegEnumKeyExW(handle.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr);
+        const LONG status = RegistryCall(::RegEnumKeyExW, handle.Get(), index, name, &length, nullptr, nullptr, nullptr, nullptr);
         if (status == ERROR_NO_MORE_ITEMS) break;
         ThrowIfWin32Error(status, L"Failed to get registry subkeys. Can't enumerate subkeys of key " + path);
         names.emplace_back(name, length);
@@ -386,7 +386,7 @@ std::vector<RegistryValue> GetValues(int root, std::wstring_view key, std::uint3
     ThrowIfWin32Error(OpenKey(root, path, KEY_READ, view, handle),
                       L"Failed to get registry values. Can't open registry key " + path);
     DWORD longestName = 0, longestData = 0;
-    ThrowIfWin32Error(::RegQueryInfoKeyW(handle.Get(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+    ThrowIfWin32Error(RegistryCall(::RegQueryInfoKeyW, handle.Get(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
                                          &longestName, &longestData, nullptr, nullptr),
                       L"Failed to get registry values. Can't query info " + path);
     std::vector<RegistryValue> values;
@@ -394,14 +394,14 @@ std::vector<RegistryValue> GetValues(int root, std::wstring_view key, std::uint3
     for (DWORD index = 0;; ++index) {
         DWORD length = static_cast<DWORD>(name.size());
         const LONG status =
-            ::RegEnumValueW(handle.Get(), index, name.data(), &length, nullptr, nullptr, nullptr, nullptr);
+            RegistryCall(::RegEnumValueW, handle.Get(), index, name.data(), &length, nullptr, nullptr, nullptr, nullptr);
         if (status == ERROR_NO_MORE_ITEMS) break;
         ThrowIfWin32Error(status, L"Failed to get registry values. Can't enumerate values of key " + path);
         RegistryValue value;
         value.name.assign(name.data(), length);
         DWORD type = 0, bytes = longestData;
         value.data.assign(longestData, 0);
-        ThrowIfWin32Error(::RegQueryValueExW(handle.Get(), value.name.c_str(), nullptr, &type,
+        ThrowIfWin32Error(RegistryCall(::RegQueryValueExW, handle.Get(), value.name.c_str(), nullptr, &type,
                                              value.data.empty() ? nullptr : value.data.data(), &bytes),
                           L"Failed to enumerate registry values. Can't query value of key " + path);
         value.type = type;
