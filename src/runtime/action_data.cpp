@@ -34,4 +34,46 @@ std::vector<std::wstring> DecodeTextList(std::wstring_view text) {
     return texts;
 }
 
+namespace {
+
+constexpr wchar_t kEscaped = L'\xE000';
+constexpr wchar_t kOpen = L'\xE001';
+constexpr wchar_t kClose = L'\xE002';
+constexpr wchar_t kLiteral = L'\xE003';
+
+}  // namespace
+
+std::wstring EscapeBrackets(std::wstring_view data) {
+    if (data.find_first_of(L"[]") == std::wstring_view::npos && (data.empty() || data.front() != kEscaped)) {
+        return std::wstring(data);
+    }
+    std::wstring out(1, kEscaped);
+    out.reserve(data.size() + 1);
+    for (const wchar_t c : data) {
+        if (c == L'[') {
+            out += kOpen;
+        } else if (c == L']') {
+            out += kClose;
+        } else {
+            if (c >= kEscaped && c <= kLiteral) out += kLiteral;
+            out += c;
+        }
+    }
+    return out;
+}
+
+std::wstring UnescapeBrackets(std::wstring_view data) {
+    if (data.empty() || data.front() != kEscaped) return std::wstring(data);
+    std::wstring out;
+    out.reserve(data.size());
+    for (std::size_t i = 1; i < data.size(); ++i) {
+        const wchar_t c = data[i];
+        if (c == kOpen) out += L'[';
+        else if (c == kClose) out += L']';
+        else if (c == kLiteral && i + 1 < data.size()) out += data[++i];
+        else out += c;
+    }
+    return out;
+}
+
 }  // namespace setup

@@ -48,4 +48,17 @@ std::vector<PropertyMap> DecodeRecordList(std::wstring_view text);
 std::wstring EncodeTextList(const std::vector<std::wstring>& texts);
 std::vector<std::wstring> DecodeTextList(std::wstring_view text);
 
+// Wine's installer formats every property when it lists them at the end of a
+// session, whether or not anything is logged: each "[...]" is read as a
+// reference and the whole text copied once per reference, so data full of
+// brackets (XML positions, INI sections) costs time that grows with the
+// square of its length (18 s for 490 KB of XmlFile records). Scheduled data
+// therefore travels with its brackets escaped: data holding none (and not
+// starting with U+E000) goes as it is; other data goes as U+E000 followed by
+// the text with "[" as
+// U+E001, "]" as U+E002, and any of U+E000..U+E003 after U+E003.
+// UnescapeBrackets takes anything else (data a package set itself) as it is.
+std::wstring EscapeBrackets(std::wstring_view data);
+std::wstring UnescapeBrackets(std::wstring_view data);
+
 }  // namespace setup

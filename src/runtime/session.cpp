@@ -1,5 +1,6 @@
 #include "runtime/session.h"
 
+#include "runtime/action_data.h"
 #include "runtime/ca_runtime.h"
 #include "runtime/format_batch.h"
 #include "runtime/installer_calls.h"
@@ -110,9 +111,11 @@ int Session::EvaluateCondition(std::wstring_view condition) const {
     return static_cast<int>(InstallerCall(::MsiEvaluateConditionW, install_, text.c_str()));
 }
 
+std::wstring Session::CustomActionData() const { return UnescapeBrackets(GetProperty(L"CustomActionData")); }
+
 void Session::ScheduleDeferred(std::wstring_view action, std::wstring_view data) const {
     const std::wstring name(action);
-    const std::wstring text(data);
+    const std::wstring text = EscapeBrackets(data);
     UINT status = InstallerCall(::MsiSetPropertyW, install_, name.c_str(), text.c_str());
     if (status != ERROR_SUCCESS) {
         CaLogError(FailureFromWin32(status), "Failed to set CustomActionData for deferred action");

@@ -28,7 +28,8 @@ public:
     std::wstring GetProperty(std::wstring_view name) const;  // "Failed to get msi property: <name>"
     void SetProperty(std::wstring_view name, std::wstring_view value) const;  // "Failed to set msi property: <name>"
     // The deferred side's data, as the installer hands it over.
-    std::wstring CustomActionData() const { return GetProperty(L"CustomActionData"); }
+    // The data ScheduleDeferred gave the action (brackets back as they were).
+    std::wstring CustomActionData() const;
 
     // Resolves property references and the rest of the installer's formatting.
     // Text without a '[' has nothing to resolve and is returned as it is,
