@@ -133,8 +133,15 @@ void FixRegistryIntegerProperties(Session& session) {
         if (d.Chosen()) wanted.emplace_back(row, *property);
     });
     if (wanted.empty()) LogInfo(L"Nothing to check: no Registry row of an installed component takes a property.");
-    for (const auto& [row, property] : wanted) {
-        const std::wstring value = session.GetProperty(property);
+    // The values come formatted together ("[P]" of each), a few installer
+    // calls for the whole table instead of one a row.
+    std::vector<std::wstring> references;
+    references.reserve(wanted.size());
+    for (const auto& entry : wanted) references.push_back(L"[" + entry.second + L"]");
+    const std::vector<std::wstring> values = session.FormatTexts(references);
+    for (std::size_t i = 0; i < wanted.size(); ++i) {
+        const auto& [row, property] = wanted[i];
+        const std::wstring& value = values[i];
         const std::wstring normal = NormalizeDwordProperty(value, property, row);
         if (normal == value) continue;
         LogInfo(L"Property %s for Registry row '%s': '%s' becomes '%s'.", property, row, value, normal);
