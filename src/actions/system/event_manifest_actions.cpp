@@ -27,12 +27,15 @@ std::wstring SystemWevtutil() { return WevtutilPath(SystemDirectory()); }
 std::optional<std::vector<EventManifestRow>> ReadRows(const Session& session) {
     std::vector<EventManifestRow> rows;
     const bool exists = session.ActiveDatabase().ForEachRowOfTable(kTable, kQuery, [&](const Record& record) {
-        EventManifestRow row{record.GetString(1), session.FormatText(record.GetString(2))};
-        if (row.file.empty()) Throw(kFail, L"The file is empty in EventManifest table.");
-        if (row.component.empty()) Throw(kFail, L"The component is empty in EventManifest table.");
-        rows.push_back(std::move(row));
+        rows.push_back({record.GetString(1), record.GetString(2)});
     });
     if (!exists) return std::nullopt;
+    // Formatted together: a few installer calls for the table, not one a row.
+    FormatRowTexts(session, rows, {&EventManifestRow::file});
+    for (const EventManifestRow& row : rows) {
+        if (row.file.empty()) Throw(kFail, L"The file is empty in EventManifest table.");
+        if (row.component.empty()) Throw(kFail, L"The component is empty in EventManifest table.");
+    }
     return rows;
 }
 
