@@ -332,6 +332,7 @@ def main():
             for action, (total, n_calls, in_calls, n_reg, in_reg, own) in sorted(own_times(log_text).items()):
                 if total < 0.5:
                     continue  # an action with nothing to do
+                figures[f"action {phase} {action}"] = total / rows
                 figures[f"own {phase} {action}"] = own / rows
                 print(f"   {phase:9} {action}: {total / rows:6.3f} ms/row, of which installer calls "
                       f"{n_calls / rows:.2f}/row {in_calls / rows:6.3f} ms, registry calls {n_reg / rows:.2f}/row "

@@ -173,7 +173,9 @@ class XmlFiles(InstallerCase):
                             + ("<other/>" if i % 4 == 0 else "") for i in range(12))
             return f'\n  <section n="{s}"><!-- {s} -->{items}\n  </section><skip/>'
         many = self.root / "many.xml"
-        many.write_bytes(("<?xml version=\"1.0\"?>\n<root>" + "".join(section(s) for s in range(9))
+        # And one long list, where single edits count earlier siblings by XPath.
+        xs = "".join(f'\n  <x n="{i}"/>' + ("<!-- c -->" if i % 10 == 0 else "") for i in range(90))
+        many.write_bytes(("<?xml version=\"1.0\"?>\n<root>" + "".join(section(s) for s in range(9)) + xs
                           + "\n</root>\n").encode())
         before = many.read_bytes()
         win = f"{self.win}\\many.xml"
@@ -181,13 +183,17 @@ class XmlFiles(InstallerCase):
                 ("DropB", win, "//add[@group='b']", DELETE_ATTRIBUTE, "drop", "", "", 2, 0),
                 ("GoneC", win, "//add[@group='c']", DELETE, "", "", "", 3, 0),
                 ("Made", win, "//section", CREATE, "made", "m", "", 5, 0),
-                ("Frag", win, "//section", APPEND, "", '<f/><g x="1"/>', "", 6, 0)]
+                ("Frag", win, "//section", APPEND, "", '<f/><g x="1"/>', "", 6, 0),
+                ("Late", win, "//x[@n='85']", SET, "v", "late", "", 7, 0),
+                ("LateGone", win, "//x[@n='80']", DELETE, "", "", "", 8, 0)]
         package = self.package(rows)
         self.run_expecting(0, package, "/i", log="install.log")
         text = many.read_text()
         self.assertEqual((text.count('v="new"'), text.count('group="c"'), text.count("<made>m</made>"),
                           text.count('<g x="1"/>')), (36, 0, 9, 9))
         self.assertEqual(text.count('group="b" drop='), 0)
+        self.assertIn('<x n="85" v="late"/>', text)
+        self.assertNotIn('<x n="80"', text)
         self.assertNotIn("setup-utils", text)  # the marks that find positions leave nothing behind
         self.run_expecting(0, package, "/x", log="uninstall.log")
         self.assertEqual(many.read_bytes(), before)
