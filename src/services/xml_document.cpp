@@ -212,32 +212,14 @@ ComPtr<IXMLDOMNode> PreviousOf(IXMLDOMNode* node) {
     return previous;
 }
 
-// Beyond this many earlier siblings, counting them through COM (a new object
-// for each) costs more than letting the XPath engine count them.
-constexpr int kSiblingsWalked = 64;
-
 // How many earlier siblings of the node have `type` (any type: NODE_INVALID).
 // Counted, since Wine hands out a new COM object for each access to a node:
-// nodes cannot be told apart by identity. Many elements (or nodes of any
-// type) are counted by the XPath engine: "preceding-sibling::*" selects
-// exactly the earlier elements; text() would also select CDATA, so text is
-// always walked.
+// nodes cannot be told apart by identity. (The XPath engine counts
+// "preceding-sibling::*" far slower: 170 ms against 1.3 ms for a node among
+// 10,000, as it sorts what it selects.)
 int CountBefore(IXMLDOMNode* node, DOMNodeType type) {
     int count = 0;
-    int walked = 0;
-    const wchar_t* xpath = type == NODE_ELEMENT ? L"preceding-sibling::*"
-                           : type == NODE_INVALID ? L"preceding-sibling::node()"
-                                                  : nullptr;
     for (ComPtr<IXMLDOMNode> current = PreviousOf(node); current; current = PreviousOf(current.Get())) {
-        if (xpath && ++walked > kSiblingsWalked) {
-            ComPtr<IXMLDOMNodeList> earlier;
-            long length = 0;
-            if (SUCCEEDED(node->selectNodes(Bstr(xpath).Get(), earlier.Put())) && earlier &&
-                SUCCEEDED(earlier->get_length(&length))) {
-                return static_cast<int>(length);
-            }
-            xpath = nullptr;  // counted on by hand
-        }
         if (type == NODE_INVALID || TypeOf(current.Get()) == type) ++count;
     }
     return count;
