@@ -212,6 +212,8 @@ std::vector<std::wstring> CreateMissingFolders(Journal& journal, const std::wstr
 
 // --- Carrying out a row ---
 
+constexpr std::size_t kKeptPerFolder = 256;
+
 void Extract(const CabinetItem& item, OtherRecordsCache& otherRecords) {
     if (const std::wstring why = CabinetTargetProblem(item.target); !why.empty()) {
         Throw(kInvalidArgument, L"Refused to extract cabinet '" + item.id + L"' into '" + item.target + L"': " + why +
@@ -312,7 +314,10 @@ void Remove(const CabinetItem& item, OtherRecordsCache& otherRecords) {
             LogInfo(L"Leave '%s' in place: it is no longer the file the cabinet placed.", path);
             continue;
         }
-        const std::wstring kept = JoinPath(JoinPath(work, L"old"), std::to_wstring(i));
+        // A few hundred to a folder: Wine looks a new name up by reading its
+        // whole folder, so one folder of every removed file would cost N^2.
+        const std::wstring kept =
+            JoinPath(JoinPath(JoinPath(work, L"old"), std::to_wstring(i / kKeptPerFolder)), std::to_wstring(i));
         CreateFolders(LongPathForm(DirectoryOf(kept)));
         journal.Write(JournalEntry::Removed, path, kept);
         LogInfo(L"Remove file '%s'.", path);
