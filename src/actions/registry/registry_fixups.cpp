@@ -2,6 +2,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <tuple>
 #include <vector>
 
@@ -133,8 +134,12 @@ void FixRegistryIntegerProperties(Session& session) {
         if (d.Chosen()) wanted.emplace_back(row, *property);
     });
     if (wanted.empty()) LogInfo(L"Nothing to check: no Registry row of an installed component takes a property.");
-    // The values come formatted together ("[P]" of each), a few installer
-    // calls for the whole table instead of one a row.
+    // Each property is checked once, for the first row that takes it (once it
+    // is normal, the rows after it have nothing to change), and the values
+    // come formatted together ("[P]" of each): a few installer calls for the
+    // whole table instead of one a row.
+    std::set<std::wstring> seen;
+    std::erase_if(wanted, [&seen](const auto& entry) { return !seen.insert(entry.second).second; });
     std::vector<std::wstring> references;
     references.reserve(wanted.size());
     for (const auto& entry : wanted) references.push_back(L"[" + entry.second + L"]");
