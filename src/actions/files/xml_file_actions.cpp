@@ -168,7 +168,8 @@ std::vector<XmlUndoStep> Made(const std::vector<XmlDocument::NodePtr>& nodes) {
 bool AnyNested(const std::vector<std::wstring>& positions) {
     const std::set<std::wstring> all(positions.begin(), positions.end());
     for (const std::wstring& position : positions) {
-        for (std::size_t slash = position.find(L'/', 1); slash != std::wstring::npos; slash = position.find(L'/', slash + 1)) {
+        for (std::size_t slash = position.find(L'/', 1); slash != std::wstring::npos;
+             slash = position.find(L'/', slash + 1)) {
             if (all.count(position.substr(0, slash))) return true;
         }
     }
@@ -180,7 +181,7 @@ bool AnyNested(const std::vector<std::wstring>& positions) {
 // gone, unless one node lies inside another.
 std::vector<XmlUndoStep> DeleteNodes(const std::vector<XmlDocument::NodePtr>& nodes) {
     std::vector<XmlUndoStep> steps;
-    std::vector<std::wstring> positions = XmlDocument::PositionsOf(nodes);
+    const std::vector<std::wstring> positions = XmlDocument::PositionsOf(nodes);
     const bool batch = !AnyNested(positions);
     std::map<std::wstring, std::size_t> removedUnder;  // by the parent's position
     for (std::size_t i = 0; i < nodes.size(); ++i) {
@@ -236,7 +237,8 @@ std::vector<XmlUndoStep> Apply(XmlDocument& document, const XmlEdit& edit, const
             // A secret's old value is kept nowhere (the record is readable by
             // every user): uninstall leaves the value as it is.
             const bool keep = recorded && !secret;
-            const std::vector<std::wstring> positions = keep ? XmlDocument::PositionsOf(nodes) : std::vector<std::wstring>();
+            const std::vector<std::wstring> positions =
+                keep ? XmlDocument::PositionsOf(nodes) : std::vector<std::wstring>();
             for (std::size_t i = 0; i < nodes.size(); ++i) {
                 const auto& node = nodes[i];
                 XmlUndoStep step;
