@@ -8,7 +8,8 @@ rows of the installer's own table doing the same work. Families:
   registry  direct RegistryEx rows against Registry rows (WriteRegistryValues),
             over 100 keys;
   move      deferred MoveFileEx copies of an installed file against
-            DuplicateFile rows (DuplicateFiles) making the same copies.
+            DuplicateFile rows (DuplicateFiles) making the same copies, a
+            hundred to a folder (as the remove and cab families' files).
 Rounds interleave the three; every run gets a fresh copy of the template
 prefix with its server warm, and a verbose log. Printed per row: the excess
 over the baseline in wall time and CPU (msiexec and its processes, and the
@@ -62,6 +63,7 @@ from msipackage import BUILD, Package, Prefix, library_lines  # noqa: E402
 CABINET = cabinet_bytes([("payload.txt", b"the same bytes")])
 
 FILES = 100
+PER_FOLDER = 100  # files of the move, remove and cab families in one folder (see folder_of)
 EDITS = 1000  # the rows of the xmlnodes family
 TEMPLATE = Path(os.environ.get("UTILS_WINE_TEMPLATE", BUILD / "wine" / "template"))
 PREFIX = BUILD / "bench" / "prefix"
@@ -105,10 +107,11 @@ def package(family, kind, rows):
                                                    f"value {i} of [ProductName]", "Main"] for i in range(rows)])
         p.sequence += [["WriteRegistryValues", "", "5000"], ["RemoveRegistryValues", "", "2600"]]
     elif (family, kind) == ("move", "ours"):
-        p.add_table("MoveFileEx", [(f"M{i}", "Main", "[INSTALLDIR]readme.txt", f"[INSTALLDIR]copy{i}.txt",
+        p.add_table("MoveFileEx", [(f"M{i}", "Main", "[INSTALLDIR]readme.txt", f"[INSTALLDIR]{folder_of(i)}\\copy{i}.txt",
                                     str(0x201), "") for i in range(rows)])
     elif (family, kind) == ("move", "theirs"):
-        p.tables["DuplicateFile"] = (DUPLICATE_HEADER, [[f"D{i}", "Main", "readme", f"copy{i}.txt", "INSTALLDIR"]
+        folder_properties(p, rows)
+        p.tables["DuplicateFile"] = (DUPLICATE_HEADER, [[f"D{i}", "Main", "readme", f"copy{i}.txt", folder_of(i).upper()]
                                                         for i in range(rows)])
         p.sequence += [["DuplicateFiles", "", "4210"], ["RemoveDuplicateFiles", "", "3400"]]
     elif (family, kind) == ("xml", "ours"):
@@ -119,9 +122,11 @@ def package(family, kind, rows):
                                              f"value {i} of [ProductName]", "0", "Main"] for i in range(rows)])
         p.sequence += [["WriteIniValues", "", "5100"], ["RemoveIniValues", "", "3800"]]
     elif (family, kind) == ("cab", "ours"):
-        p.add_table("CabPackage", [(f"C{i}", "[#payload]", f"[INSTALLDIR]c{i}", "0", "Main", "") for i in range(rows)])
+        p.add_table("CabPackage", [(f"C{i}", "[#payload]", f"[INSTALLDIR]{folder_of(i)}\\c{i}", "0", "Main", "")
+                                   for i in range(rows)])
     elif (family, kind) == ("cab", "theirs"):
-        p.tables["DuplicateFile"] = (DUPLICATE_HEADER, [[f"D{i}", "Main", "payload", f"copy{i}.cab", "INSTALLDIR"]
+        folder_properties(p, rows)
+        p.tables["DuplicateFile"] = (DUPLICATE_HEADER, [[f"D{i}", "Main", "payload", f"copy{i}.cab", folder_of(i).upper()]
                                                         for i in range(rows)])
         p.sequence += [["DuplicateFiles", "", "4210"], ["RemoveDuplicateFiles", "", "3400"]]
     elif family == "qword":
@@ -152,11 +157,29 @@ def package(family, kind, rows):
     elif (family, kind) == ("cabentries", "ours"):
         p.add_table("CabPackage", [("Entries", "[#payload]", "[INSTALLDIR]entries", "0", "Main", "")])
     elif (family, kind) == ("remove", "ours"):
-        p.add_table("RemoveFileEx", [(f"X{i}", "Main", f"[INSTALLDIR]old{i}.tmp", "0", "1", "") for i in range(rows)])
+        p.add_table("RemoveFileEx", [(f"X{i}", "Main", f"[INSTALLDIR]{folder_of(i)}\\old{i}.tmp", "0", "1", "")
+                                     for i in range(rows)])
     elif (family, kind) == ("remove", "theirs"):
-        p.tables["RemoveFile"] = (REMOVE_HEADER, [[f"F{i}", "Main", f"old{i}.tmp", "INSTALLDIR", "1"]
+        folder_properties(p, rows)
+        p.tables["RemoveFile"] = (REMOVE_HEADER, [[f"F{i}", "Main", f"old{i}.tmp", folder_of(i).upper(), "1"]
                                                   for i in range(rows)])
     return p
+
+
+def folder_of(i):
+    """The folder of the i-th file of the move, remove and cab families, a
+    hundred to a folder: Wine looks up a name that does not exist by reading
+    its whole folder, so one flat folder of N files costs N^2 under Wine
+    whoever makes them, and would measure that instead of the actions."""
+    return f"d{i // PER_FOLDER}"
+
+
+def folder_properties(p, rows):
+    """The standard actions take a folder as a property: D<k> set to
+    [INSTALLDIR]d<k> (type 51, before InstallValidate, install and uninstall)."""
+    for k in range((rows + PER_FOLDER - 1) // PER_FOLDER):
+        p.custom_actions.append([f"SetD{k}", "51", f"D{k}", f"[INSTALLDIR]d{k}"])
+        p.sequence.append([f"SetD{k}", "", "1001"])
 
 
 def plant_files(prefix, family, rows):
@@ -164,9 +187,9 @@ def plant_files(prefix, family, rows):
     family edits, made before each install."""
     folder = prefix.root / "drive_c" / "Program Files" / "RowCost"
     if family == "remove":
-        folder.mkdir(parents=True, exist_ok=True)
         for i in range(rows):
-            (folder / f"old{i}.tmp").write_bytes(b"old")
+            (folder / folder_of(i)).mkdir(parents=True, exist_ok=True)
+            (folder / folder_of(i) / f"old{i}.tmp").write_bytes(b"old")
     if family == "xml":
         folder.mkdir(parents=True, exist_ok=True)
         for f in range(FILES):
@@ -194,9 +217,9 @@ FAMILIES = {  # labels of ours and theirs (None: on its own), and the immediate 
 UNITS = {"integer": "keys", "manifest": "manifests (one wevtutil run each)",
          "xmlnodes": f"elements of one file, {EDITS} rows each setting one",
          "xmlevery": "elements of one file, one row setting them all", "cabentries": "entries of one cabinet (100 a folder), one row",
-         "text": "files", "registry": "keys", "move": "copies of one installed file",
-         "remove": "files removed (deferred, undoably) from one folder", "xml": "XML files",
-         "cab": "folders, one small cabinet each", "qword": "keys"}
+         "text": "files", "registry": "keys", "move": "copies of one installed file (100 a folder)",
+         "remove": "files removed (deferred, undoably), 100 a folder", "xml": "XML files",
+         "cab": "folders, one small cabinet each (100 a folder)", "qword": "keys"}
 FILES_PER_FAMILY = {"integer": FILES, "manifest": "", "xmlnodes": "", "xmlevery": "", "cabentries": "",
                     "text": FILES, "registry": FILES, "move": "", "remove": "", "xml": FILES, "cab": "",
                     "qword": FILES}

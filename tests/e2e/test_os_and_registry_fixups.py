@@ -76,6 +76,13 @@ class OsAndRegistry(InstallerCase):
         log = self.run_expecting(0, package, "/x", log="uninstall.log")
         self.assertIsNone(self.value("Big"))
 
+        # A row naming no Registry row is an authoring error, not a row to pass over.
+        package = self.qword_package("QwordDangling")
+        package.tables["RegistryQword"][1].append(["RegGone", "1", ""])
+        log = self.run_expecting(1603, package, "/i", log="dangling.log")
+        self.assertIn("The RegistryQword row 'RegGone' names no Registry row. Error 0x80070057.",
+                      library_lines(log, "FixQwordRegistry"))
+
     def test_dwords_fed_from_properties_are_written_as_meant(self):
         rows = [["RegHex", "2", self.key, "Hex", "#[HEX]", "Main"], ["RegPlus", "2", self.key, "Plus", "#[PLUS]", "Main"],
                 ["RegBlank", "2", self.key, "Blank", "#[BLANK]", "Main"]]
