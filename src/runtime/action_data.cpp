@@ -1,5 +1,8 @@
 #include "runtime/action_data.h"
 
+#include <iterator>
+#include <string_view>
+
 #include "runtime/format.h"
 
 namespace setup {
@@ -36,40 +39,42 @@ std::vector<std::wstring> DecodeTextList(std::wstring_view text) {
 
 namespace {
 
+// Each character Wine's installer acts on, in the order of its mark.
+constexpr std::wstring_view kActive = L"[]{}<";
 constexpr wchar_t kEscaped = L'\xE000';
-constexpr wchar_t kOpen = L'\xE001';
-constexpr wchar_t kClose = L'\xE002';
 constexpr wchar_t kLiteral = L'\xE003';
+constexpr wchar_t kMarks[] = {L'\xE001', L'\xE002', L'\xE004', L'\xE005', L'\xE006'};
+constexpr wchar_t kLastMark = L'\xE006';
 
 }  // namespace
 
-std::wstring EscapeBrackets(std::wstring_view data) {
-    if (data.find_first_of(L"[]") == std::wstring_view::npos && (data.empty() || data.front() != kEscaped)) {
+std::wstring EscapeFormatting(std::wstring_view data) {
+    if (data.find_first_of(kActive) == std::wstring_view::npos && (data.empty() || data.front() != kEscaped)) {
         return std::wstring(data);
     }
     std::wstring out(1, kEscaped);
     out.reserve(data.size() + 1);
     for (const wchar_t c : data) {
-        if (c == L'[') {
-            out += kOpen;
-        } else if (c == L']') {
-            out += kClose;
+        const std::size_t active = kActive.find(c);
+        if (active != std::wstring_view::npos) {
+            out += kMarks[active];
         } else {
-            if (c >= kEscaped && c <= kLiteral) out += kLiteral;
+            if (c >= kEscaped && c <= kLastMark) out += kLiteral;
             out += c;
         }
     }
     return out;
 }
 
-std::wstring UnescapeBrackets(std::wstring_view data) {
+std::wstring UnescapeFormatting(std::wstring_view data) {
     if (data.empty() || data.front() != kEscaped) return std::wstring(data);
     std::wstring out;
     out.reserve(data.size());
+    const std::wstring_view marks(kMarks, std::size(kMarks));
     for (std::size_t i = 1; i < data.size(); ++i) {
         const wchar_t c = data[i];
-        if (c == kOpen) out += L'[';
-        else if (c == kClose) out += L']';
+        const std::size_t mark = marks.find(c);
+        if (mark != std::wstring_view::npos) out += kActive[mark];
         else if (c == kLiteral && i + 1 < data.size()) out += data[++i];
         else out += c;
     }

@@ -48,17 +48,21 @@ std::vector<PropertyMap> DecodeRecordList(std::wstring_view text);
 std::wstring EncodeTextList(const std::vector<std::wstring>& texts);
 std::vector<std::wstring> DecodeTextList(std::wstring_view text);
 
-// Wine's installer formats every property when it lists them at the end of a
-// session, whether or not anything is logged: each "[...]" is read as a
-// reference and the whole text copied once per reference, so data full of
-// brackets (XML positions, INI sections) costs time that grows with the
-// square of its length (18 s for 490 KB of XmlFile records). Scheduled data
-// therefore travels with its brackets escaped: data holding none (and not
-// starting with U+E000) goes as it is; other data goes as U+E000 followed by
-// the text with "[" as
-// U+E001, "]" as U+E002, and any of U+E000..U+E003 after U+E003.
-// UnescapeBrackets takes anything else (data a package set itself) as it is.
-std::wstring EscapeBrackets(std::wstring_view data);
-std::wstring UnescapeBrackets(std::wstring_view data);
+// Wine's installer formats scheduled data more than once: every property
+// when it lists them at the end of a session, and each deferred action's
+// whole data with its name when it logs the action's start (twice), whether
+// or not anything is logged. Each "[...]" and "{...}" is read as a reference
+// or group and the whole text copied once per group, so data full of them
+// (XML positions, INI sections, product codes per item) costs time that grows
+// with the square of its length: 18 s for 490 KB of XmlFile records, two
+// minutes per deferred action for 10,000 cabinets. Wine also ends the data at
+// its first "<=>". Scheduled data therefore travels with those characters
+// escaped: data holding none of "[]{}<" (and not starting with U+E000) goes
+// as it is; other data goes as U+E000 followed by the text with "[", "]",
+// "{", "}", "<" as U+E001, U+E002, U+E004, U+E005, U+E006, and any of
+// U+E000..U+E006 after U+E003. UnescapeFormatting takes anything else (data a
+// package set itself) as it is.
+std::wstring EscapeFormatting(std::wstring_view data);
+std::wstring UnescapeFormatting(std::wstring_view data);
 
 }  // namespace setup

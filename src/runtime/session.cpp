@@ -111,11 +111,11 @@ int Session::EvaluateCondition(std::wstring_view condition) const {
     return static_cast<int>(InstallerCall(::MsiEvaluateConditionW, install_, text.c_str()));
 }
 
-std::wstring Session::CustomActionData() const { return UnescapeBrackets(GetProperty(L"CustomActionData")); }
+std::wstring Session::CustomActionData() const { return UnescapeFormatting(GetProperty(L"CustomActionData")); }
 
 void Session::ScheduleDeferred(std::wstring_view action, std::wstring_view data) const {
     const std::wstring name(action);
-    const std::wstring text = EscapeBrackets(data);
+    const std::wstring text = EscapeFormatting(data);
     UINT status = InstallerCall(::MsiSetPropertyW, install_, name.c_str(), text.c_str());
     if (status != ERROR_SUCCESS) {
         CaLogError(FailureFromWin32(status), "Failed to set CustomActionData for deferred action");

@@ -26,7 +26,7 @@ class TextFiles(InstallerCase):
     def test_install_writes_formatted_content_and_leaves_no_backup(self):
         package = self.make([
             ("L1", "[INSTALLDIR]app.ini", "[ProductName]", "Main", ""),
-            ("L2", "[INSTALLDIR]app.ini", "version=[ProductVersion]", "Main", ""),
+            ("L2", "[INSTALLDIR]app.ini", "version=[ProductVersion] <=> 1", "Main", ""),
             ("L3", "[INSTALLDIR]app.ini", "[\\[]section[\\]]", "Main", ""),
             ("L4", "[INSTALLDIR]one.txt", "single", "Main", "1=1"),
             ("L5", "[INSTALLDIR][\\[]ProductName[\\]] notes.txt", "n", "Main", ""),
@@ -34,7 +34,7 @@ class TextFiles(InstallerCase):
         target = package.install_dir(self.prefix)
         log = self.run_expecting(0, package, "/i", "LOGVERBOSE=1")  # verbose: the content is logged in full
         # First row as it is, each later row followed by a line feed.
-        self.assertEqual((target / "app.ini").read_bytes(), utf16(package.name + "version=1.0.0\n[section]\n"))
+        self.assertEqual((target / "app.ini").read_bytes(), utf16(package.name + "version=1.0.0 <=> 1\n[section]\n"))
         self.assertEqual((target / "one.txt").read_bytes(), utf16("single"))
         self.assertEqual(sorted(p.name for p in target.iterdir()),
                          ["[ProductName] notes.txt", "app.ini", "one.txt", "readme.txt"])

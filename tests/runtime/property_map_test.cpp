@@ -90,15 +90,17 @@ TEST(ActionData, ThreeLevelsRoundTripValuesHoldingEverySeparator) {
     EXPECT_EQ(ListKey(7), L"00000007");
 }
 
-TEST(ActionData, BracketsTravelEscapedAndComeBackExactly) {
-    // Data without brackets goes as it is; so does data a package set itself.
-    EXPECT_EQ(EscapeBrackets(L"files=a^b"), L"files=a^b");
-    EXPECT_EQ(UnescapeBrackets(L"pc=[x]"), L"pc=[x]");
-    const std::wstring marks{L'\xE000', L'\xE001', L'\xE002', L'\xE003', L'\xE004'};
-    for (const std::wstring& data : {L"/*[1]/*[22]" + marks, marks + L"[", std::wstring(L"]"), L"[" + marks + L"]", marks}) {
-        const std::wstring escaped = EscapeBrackets(data);
-        EXPECT_EQ(escaped.find_first_of(L"[]"), std::wstring::npos);
-        EXPECT_EQ(UnescapeBrackets(escaped), data);
+TEST(ActionData, FormattingCharactersTravelEscapedAndComeBackExactly) {
+    // Data without them goes as it is; so does data a package set itself.
+    EXPECT_EQ(EscapeFormatting(L"files=a^b"), L"files=a^b");
+    EXPECT_EQ(UnescapeFormatting(L"pc=[x]"), L"pc=[x]");
+    std::wstring marks;
+    for (wchar_t c = L'\xE000'; c <= L'\xE007'; ++c) marks += c;
+    for (const std::wstring& data : {L"/*[1]/*[22]" + marks, marks + L"[", std::wstring(L"]"), L"[" + marks + L"]", marks,
+                                     L"pc={8F2A}^a<=>b" + marks, std::wstring(L"}{<")}) {
+        const std::wstring escaped = EscapeFormatting(data);
+        EXPECT_EQ(escaped.find_first_of(L"[]{}<"), std::wstring::npos);
+        EXPECT_EQ(UnescapeFormatting(escaped), data);
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <shlwapi.h>
 
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -62,15 +63,23 @@ class InstallerMoveFileMachine final : public MoveFileMachine {
 public:
     bool FileExists(const std::wstring& path) override { return setup::FileExists(path); }
     bool IsNetworkPath(const std::wstring& path) override { return ::PathIsNetworkPathW(path.c_str()) != FALSE; }
+    // Asked once per folder: planning changes nothing, and rows share their folders.
     int MissingFolders(const std::wstring& path) override {
+        const std::wstring start = DirectoryOf(path);
+        const auto known = missing_.find(start);
+        if (known != missing_.end()) return known->second;
         int missing = 0;
-        for (std::wstring folder = DirectoryOf(path); !folder.empty() && folder.back() != L':' && !FolderExists(folder);
+        for (std::wstring folder = start; !folder.empty() && folder.back() != L':' && !FolderExists(folder);
              folder = DirectoryOf(folder)) {
             ++missing;
         }
+        missing_.emplace(start, missing);
         return missing;
     }
     std::wstring NewUuid() override { return CreateUuidString(); }
+
+private:
+    std::map<std::wstring, int> missing_;  // folder -> how many folders from it up are missing
 };
 
 std::wstring RowText(const MoveFileItem& item) {
