@@ -1,6 +1,5 @@
 #include "runtime/action_data.h"
 
-#include <iterator>
 #include <string_view>
 
 #include "runtime/format.h"
@@ -43,8 +42,7 @@ namespace {
 constexpr std::wstring_view kActive = L"[]{}<";
 constexpr wchar_t kEscaped = L'\xE000';
 constexpr wchar_t kLiteral = L'\xE003';
-constexpr wchar_t kMarks[] = {L'\xE001', L'\xE002', L'\xE004', L'\xE005', L'\xE006'};
-constexpr wchar_t kLastMark = L'\xE006';
+constexpr std::wstring_view kMarks = L"\xE001\xE002\xE004\xE005\xE006";
 
 }  // namespace
 
@@ -59,7 +57,7 @@ std::wstring EscapeFormatting(std::wstring_view data) {
         if (active != std::wstring_view::npos) {
             out += kMarks[active];
         } else {
-            if (c >= kEscaped && c <= kLastMark) out += kLiteral;
+            if (c >= kEscaped && c <= kMarks.back()) out += kLiteral;
             out += c;
         }
     }
@@ -70,10 +68,9 @@ std::wstring UnescapeFormatting(std::wstring_view data) {
     if (data.empty() || data.front() != kEscaped) return std::wstring(data);
     std::wstring out;
     out.reserve(data.size());
-    const std::wstring_view marks(kMarks, std::size(kMarks));
     for (std::size_t i = 1; i < data.size(); ++i) {
         const wchar_t c = data[i];
-        const std::size_t mark = marks.find(c);
+        const std::size_t mark = kMarks.find(c);
         if (mark != std::wstring_view::npos) out += kActive[mark];
         else if (c == kLiteral && i + 1 < data.size()) out += data[++i];
         else out += c;
