@@ -92,6 +92,22 @@ void RemoveFileWithFallback(std::wstring_view path, bool allowReboot) {
     RemoveFileOnReboot(name);
 }
 
+DWORD HandleAttributes(HANDLE file) {
+    FILE_ATTRIBUTE_TAG_INFO info{};
+    if (!::GetFileInformationByHandleEx(file, FileAttributeTagInfo, &info, sizeof info)) return INVALID_FILE_ATTRIBUTES;
+    return info.FileAttributes;
+}
+
+bool ReadFileStamp(HANDLE file, FileStamp& stamp) {
+    FILE_BASIC_INFO info{};
+    if (!::GetFileInformationByHandleEx(file, FileBasicInfo, &info, sizeof info)) return false;
+    const auto time = [](const LARGE_INTEGER& value) {
+        return FILETIME{static_cast<DWORD>(value.LowPart), static_cast<DWORD>(value.HighPart)};
+    };
+    stamp = {time(info.CreationTime), time(info.LastAccessTime), time(info.LastWriteTime), info.FileAttributes};
+    return true;
+}
+
 bool FileExists(std::wstring_view path) {
     const std::wstring name(path);
     const DWORD attributes = ::GetFileAttributesW(name.c_str());

@@ -25,10 +25,11 @@ bool SameFile(const std::wstring& a, const std::wstring& b) {
     FileHandle fa = OpenForCompare(a);
     FileHandle fb = OpenForCompare(b);
     if (!fa || !fb) return false;
-    BY_HANDLE_FILE_INFORMATION ia, ib;
-    if (!::GetFileInformationByHandle(fa.Get(), &ia) || !::GetFileInformationByHandle(fb.Get(), &ib)) return false;
-    if (ia.nFileSizeHigh != ib.nFileSizeHigh || ia.nFileSizeLow != ib.nFileSizeLow) return false;
-    if (::CompareFileTime(&ia.ftLastWriteTime, &ib.ftLastWriteTime) != 0) return false;
+    LARGE_INTEGER sa{}, sb{};
+    FILETIME wa{}, wb{};
+    if (!::GetFileSizeEx(fa.Get(), &sa) || !::GetFileSizeEx(fb.Get(), &sb) || sa.QuadPart != sb.QuadPart) return false;
+    if (!::GetFileTime(fa.Get(), nullptr, nullptr, &wa) || !::GetFileTime(fb.Get(), nullptr, nullptr, &wb)) return false;
+    if (::CompareFileTime(&wa, &wb) != 0) return false;
     std::vector<char> ba(64 * 1024), bb(64 * 1024);
     for (;;) {
         DWORD ra = 0, rb = 0;

@@ -50,8 +50,8 @@ bool CopyContent(HANDLE in, HANDLE out) {
 }
 
 bool HandleIsReparsePoint(HANDLE file) {
-    BY_HANDLE_FILE_INFORMATION info;
-    return ::GetFileInformationByHandle(file, &info) && (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT);
+    const DWORD attributes = HandleAttributes(file);
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT);
 }
 
 [[noreturn]] void RefuseLink(const std::wstring& path) {
@@ -136,15 +136,15 @@ void CopyToNewFile(std::wstring_view source, std::wstring_view destination) {
                                 nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_SEQUENTIAL_SCAN,
                                 nullptr));
     ThrowLastErrorIf(!in, failure);
-    if (HandleIsReparsePoint(in.Get())) RefuseLink(from);
-    BY_HANDLE_FILE_INFORMATION info;
-    ThrowLastErrorIf(!::GetFileInformationByHandle(in.Get(), &info), failure);
+    FileStamp info;
+    ThrowLastErrorIf(!ReadFileStamp(in.Get(), info), failure);
+    if (info.attributes & FILE_ATTRIBUTE_REPARSE_POINT) RefuseLink(from);
     // Read-only and the like are put on once the copy is complete.
     FileHandle out(::CreateFileW(to.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
                                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     ThrowLastErrorIf(!out, failure);
     bool ok = CopyContent(in.Get(), out.Get());
-    ok = ok && ::SetFileTime(out.Get(), &info.ftCreationTime, &info.ftLastAccessTime, &info.ftLastWriteTime);
+    ok = ok && ::SetFileTime(out.Get(), &info.created, &info.accessed, &info.written);
     if (!ok) {
         const DWORD error = ::GetLastError();
         out.Reset();
@@ -152,7 +152,7 @@ void CopyToNewFile(std::wstring_view source, std::wstring_view destination) {
         Throw(FailureFromWin32(error), failure);
     }
     out.Reset();
-    const DWORD kept = info.dwFileAttributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
+    const DWORD kept = info.attributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
                                                 FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE);
     if (kept != 0) ::SetFileAttributesW(to.c_str(), kept);
 }
@@ -182,9 +182,9 @@ void CopyIntoExistingFile(std::wstring_view source, std::wstring_view destinatio
                                 nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_SEQUENTIAL_SCAN,
                                 nullptr));
     ThrowLastErrorIf(!in, failure);
-    if (HandleIsReparsePoint(in.Get())) RefuseLink(from);
-    BY_HANDLE_FILE_INFORMATION info;
-    ThrowLastErrorIf(!::GetFileInformationByHandle(in.Get(), &info), failure);
+    FileStamp info;
+    ThrowLastErrorIf(!ReadFileStamp(in.Get(), info), failure);
+    if (info.attributes & FILE_ATTRIBUTE_REPARSE_POINT) RefuseLink(from);
     // A read-only destination takes the bytes once the bit is off; the
     // source's attributes (the original's) go back on at the end.
     const DWORD now = ::GetFileAttributesW(to.c_str());
@@ -194,10 +194,10 @@ void CopyIntoExistingFile(std::wstring_view source, std::wstring_view destinatio
     FileHandle out = OpenForWriting(to, GENERIC_WRITE | FILE_WRITE_ATTRIBUTES, OPEN_EXISTING, failure);
     bool ok = CopyContent(in.Get(), out.Get());
     ok = ok && ::SetEndOfFile(out.Get()) &&
-         ::SetFileTime(out.Get(), &info.ftCreationTime, &info.ftLastAccessTime, &info.ftLastWriteTime);
+         ::SetFileTime(out.Get(), &info.created, &info.accessed, &info.written);
     ThrowLastErrorIf(!ok, failure);
     out.Reset();
-    const DWORD kept = info.dwFileAttributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
+    const DWORD kept = info.attributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN |
                                                 FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE);
     ::SetFileAttributesW(to.c_str(), kept != 0 ? kept : FILE_ATTRIBUTE_NORMAL);
 }

@@ -32,11 +32,11 @@ bool IsRealFolder(std::wstring_view folder) {
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
                                     FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     if (!handle) return false;
-    BY_HANDLE_FILE_INFORMATION info;
-    if (!::GetFileInformationByHandle(handle.Get(), &info)) return false;
+    const DWORD opened = HandleAttributes(handle.Get());
+    if (opened == INVALID_FILE_ATTRIBUTES) return false;
     // Wine flags a host link to a folder on the name's attributes, not the handle's.
     const DWORD named = ::GetFileAttributesW(std::wstring(folder).c_str());
-    return (info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) && !(info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) &&
+    return (opened & FILE_ATTRIBUTE_DIRECTORY) && !(opened & FILE_ATTRIBUTE_REPARSE_POINT) &&
            named != INVALID_FILE_ATTRIBUTES && !(named & FILE_ATTRIBUTE_REPARSE_POINT);
 }
 

@@ -214,7 +214,7 @@ std::vector<std::wstring> CreateMissingFolders(Journal& journal, const std::wstr
 
 constexpr std::size_t kKeptPerFolder = 256;
 
-void Extract(const CabinetItem& item, OtherRecordsCache& otherRecords) {
+void Extract(const CabinetItem& item, OtherRecordsCache& otherRecords, CabinetLibrary& cabinets) {
     if (const std::wstring why = CabinetTargetProblem(item.target); !why.empty()) {
         Throw(kInvalidArgument, L"Refused to extract cabinet '" + item.id + L"' into '" + item.target + L"': " + why +
                                     L".");
@@ -237,7 +237,7 @@ void Extract(const CabinetItem& item, OtherRecordsCache& otherRecords) {
 
     LogInfo(L"Extract cabinet '%s' into '%s'.", item.cabinet, work);
     const std::wstring staging = JoinPath(work, L"new");
-    const std::vector<std::wstring> names = ExtractCabinet(item.cabinet, staging);
+    const std::vector<std::wstring> names = cabinets.Extract(item.cabinet, staging);
     // A file an earlier extraction placed is replaced even without 0x1: this
     // row's own (a repair), or another product's (a major upgrade: both
     // records then hold it, and it stays until the last one goes).
@@ -388,9 +388,10 @@ void RollbackItem(const CabinetItem& item) {
 void CarryOut(const CabinetActionData& data) {
     std::vector<std::wstring> warnings;
     OtherRecordsCache otherRecords;
+    CabinetLibrary cabinets;
     for (const CabinetItem& item : data.items) {
         try {
-            item.remove ? Remove(item, otherRecords) : Extract(item, otherRecords);
+            item.remove ? Remove(item, otherRecords) : Extract(item, otherRecords, cabinets);
         } catch (const Exception& e) {
             if (!(item.attributes & WarnOnFailure)) {
                 WriteWarnings(data.warningsFile, warnings);

@@ -185,14 +185,14 @@ private:
 
 }  // namespace
 
-std::vector<std::wstring> ExtractCabinet(const std::wstring& cabinet, const std::wstring& folder) {
+std::vector<std::wstring> CabinetLibrary::Extract(const std::wstring& cabinet, const std::wstring& folder) {
     const std::wstring failed = L"Failed to extract cabinet '" + cabinet + L"': ";
-    ModuleHandle library(::LoadLibraryW(L"cabinet.dll"));
-    ThrowLastErrorIf(!library, failed + L"cabinet.dll cannot be loaded.");
-    const auto create = GetProcedure<CreateFn>(library.Get(), "FDICreate");
-    const auto isCabinet = GetProcedure<IsCabinetFn>(library.Get(), "FDIIsCabinet");
-    const auto copy = GetProcedure<CopyFn>(library.Get(), "FDICopy");
-    const auto destroy = GetProcedure<DestroyFn>(library.Get(), "FDIDestroy");
+    if (!module_) module_.Reset(::LoadLibraryW(L"cabinet.dll"));
+    ThrowLastErrorIf(!module_, failed + L"cabinet.dll cannot be loaded.");
+    const auto create = GetProcedure<CreateFn>(module_.Get(), "FDICreate");
+    const auto isCabinet = GetProcedure<IsCabinetFn>(module_.Get(), "FDIIsCabinet");
+    const auto copy = GetProcedure<CopyFn>(module_.Get(), "FDICopy");
+    const auto destroy = GetProcedure<DestroyFn>(module_.Get(), "FDIDestroy");
     if (!create || !isCabinet || !copy || !destroy) Throw(kFail, failed + L"cabinet.dll lacks the FDI functions.");
 
     Extraction extraction;

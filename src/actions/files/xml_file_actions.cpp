@@ -108,8 +108,8 @@ std::vector<unsigned char> ReadBytes(const std::wstring& path) {
     FileHandle file(::CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                   FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     ThrowLastErrorIf(!file, L"Failed to read file '" + path + L"'.");
-    BY_HANDLE_FILE_INFORMATION info;
-    if (::GetFileInformationByHandle(file.Get(), &info) && (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT)) {
+    const DWORD attributes = HandleAttributes(file.Get());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT)) {
         Throw(HResultFromWin32(ERROR_CANT_ACCESS_FILE), L"Refused to edit '" + path + L"': it is a link (reparse point).");
     }
     LARGE_INTEGER size{};
