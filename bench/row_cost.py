@@ -381,5 +381,14 @@ def main():
     return 0
 
 
+def stop_server():
+    """The last run's server would stay warm after the bench, beside whatever runs next."""
+    env = dict(os.environ, WINEPREFIX=str(PREFIX))
+    subprocess.run(["wineserver", "-k"], env=env, capture_output=True)
+
+
 if __name__ == "__main__":
-    sys.exit(main())
+    try:
+        sys.exit(main())
+    finally:
+        stop_server()

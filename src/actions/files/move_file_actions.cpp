@@ -2,6 +2,7 @@
 
 #include <shlwapi.h>
 
+#include <cwctype>
 #include <map>
 #include <optional>
 #include <set>
@@ -62,7 +63,16 @@ std::optional<std::vector<MoveFileRow>> ReadRows(const Session& session) {
 class InstallerMoveFileMachine final : public MoveFileMachine {
 public:
     bool FileExists(const std::wstring& path) override { return setup::FileExists(path); }
-    bool IsNetworkPath(const std::wstring& path) override { return ::PathIsNetworkPathW(path.c_str()) != FALSE; }
+    // Asked once per drive letter: the answer is the drive's, and each call
+    // costs 0.16 ms under Wine (it asks the mount manager).
+    bool IsNetworkPath(const std::wstring& path) override {
+        if (path.size() < 2 || path[1] != L':' || !std::iswalpha(path[0])) {
+            return ::PathIsNetworkPathW(path.c_str()) != FALSE;
+        }
+        const wchar_t drive = static_cast<wchar_t>(std::towupper(path[0]));
+        if (const auto known = network_.find(drive); known != network_.end()) return known->second;
+        return network_.emplace(drive, ::PathIsNetworkPathW(path.c_str()) != FALSE).first->second;
+    }
     // Asked once per folder: planning changes nothing, and rows share their folders.
     int MissingFolders(const std::wstring& path) override {
         const std::wstring start = DirectoryOf(path);
@@ -80,6 +90,7 @@ public:
 
 private:
     std::map<std::wstring, int> missing_;  // folder -> how many folders from it up are missing
+    std::map<wchar_t, bool> network_;      // drive letter -> on the network
 };
 
 std::wstring RowText(const MoveFileItem& item) {
