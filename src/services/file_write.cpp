@@ -49,13 +49,17 @@ bool CopyContent(HANDLE in, HANDLE out) {
     }
 }
 
-bool HandleIsReparsePoint(HANDLE file) {
-    const DWORD attributes = HandleAttributes(file);
-    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT);
-}
-
 [[noreturn]] void RefuseLink(const std::wstring& path) {
     Throw(HResultFromWin32(ERROR_CANT_ACCESS_FILE), L"Refused to write '" + path + L"': it is a link (reparse point).");
+}
+
+// Refuses the opened `file` when it is a link. Windows answers only on a
+// handle opened with FILE_READ_ATTRIBUTES (or to read data); a question it
+// does not answer is a failure, never a pass.
+void CheckHandleNotLink(HANDLE file, const std::wstring& path, const std::wstring& failure) {
+    const DWORD attributes = HandleAttributes(file);
+    ThrowLastErrorIf(attributes == INVALID_FILE_ATTRIBUTES, failure);
+    if (attributes & FILE_ATTRIBUTE_REPARSE_POINT) RefuseLink(path);
 }
 
 }  // namespace
@@ -76,14 +80,15 @@ void WriteUtf16File(std::wstring_view path, std::wstring_view text) {
     CheckNotLink(name);
     // Opened without truncation: a link that appeared since the check is
     // opened as itself, seen, and refused before anything is written.
-    FileHandle file(::CreateFileW(name.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_ALWAYS,
-                                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-    ThrowLastErrorIf(!file, L"Failed to write file '" + name + L"'.");
-    if (HandleIsReparsePoint(file.Get())) RefuseLink(name);
+    const std::wstring failure = L"Failed to write file '" + name + L"'.";
+    FileHandle file(::CreateFileW(name.c_str(), GENERIC_WRITE | FILE_READ_ATTRIBUTES, FILE_SHARE_READ, nullptr,
+                                  OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    ThrowLastErrorIf(!file, failure);
+    CheckHandleNotLink(file.Get(), name, failure);
     const std::wstring content = Utf16Content(text);
     const bool ok = WriteAll(file.Get(), content.data(), content.size() * sizeof(wchar_t)) &&
                     ::SetEndOfFile(file.Get());
-    ThrowLastErrorIf(!ok, L"Failed to write file '" + name + L"'.");
+    ThrowLastErrorIf(!ok, failure);
 }
 
 void AppendUtf16File(std::wstring_view path, std::wstring_view text) {
@@ -91,10 +96,10 @@ void AppendUtf16File(std::wstring_view path, std::wstring_view text) {
     CheckWritablePath(name);
     CheckNotLink(name);
     const std::wstring failure = L"Failed to write file '" + name + L"'.";
-    FileHandle file(::CreateFileW(name.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ, nullptr, OPEN_ALWAYS,
-                                  FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    FileHandle file(::CreateFileW(name.c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES, FILE_SHARE_READ, nullptr,
+                                  OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     ThrowLastErrorIf(!file, failure);
-    if (HandleIsReparsePoint(file.Get())) RefuseLink(name);
+    CheckHandleNotLink(file.Get(), name, failure);
     LARGE_INTEGER size{};
     ThrowLastErrorIf(!::GetFileSizeEx(file.Get(), &size), failure);
     std::wstring content = Utf16Content(text);
@@ -163,10 +168,10 @@ namespace {
 // again on the handle, which is opened as the link itself if one appeared.
 FileHandle OpenForWriting(const std::wstring& path, DWORD access, DWORD disposition, const std::wstring& failure) {
     CheckNotLink(path);
-    FileHandle file(::CreateFileW(path.c_str(), access, FILE_SHARE_READ, nullptr, disposition,
+    FileHandle file(::CreateFileW(path.c_str(), access | FILE_READ_ATTRIBUTES, FILE_SHARE_READ, nullptr, disposition,
                                   FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     ThrowLastErrorIf(!file, failure);
-    if (HandleIsReparsePoint(file.Get())) RefuseLink(path);
+    CheckHandleNotLink(file.Get(), path, failure);
     return file;
 }
 
