@@ -109,7 +109,8 @@ std::vector<unsigned char> ReadBytes(const std::wstring& path) {
                                   FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
     ThrowLastErrorIf(!file, L"Failed to read file '" + path + L"'.");
     const DWORD attributes = HandleAttributes(file.Get());
-    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT)) {
+    ThrowLastErrorIf(attributes == INVALID_FILE_ATTRIBUTES, L"Failed to read file '" + path + L"'.");
+    if (attributes & FILE_ATTRIBUTE_REPARSE_POINT) {
         Throw(HResultFromWin32(ERROR_CANT_ACCESS_FILE), L"Refused to edit '" + path + L"': it is a link (reparse point).");
     }
     LARGE_INTEGER size{};
